@@ -1,0 +1,163 @@
+#include "Networking/QtHttpClient.h"
+
+#include <glog/logging.h>
+
+#include <QtCore/QCoreApplication>
+#include <QtCore/QEventLoop>
+#include <QtCore/QTimer>
+#include <QtCore/QUrl>
+#include <QtNetwork/QNetworkAccessManager>
+#include <QtNetwork/QNetworkReply>
+#include <QtNetwork/QNetworkRequest>
+
+#include <algorithm>
+#include <chrono>
+#include <exception>
+#include <limits>
+#include <optional>
+
+namespace Halvex::Networking {
+
+namespace {
+
+/// How much of a body Qt may hold for us when it is streamed. Without a limit Qt 5 reads as fast as
+/// the server sends, whatever becomes of the data, and loses some of it above 4 GiB.
+constexpr qint64 kReadBufferBytes = 1024 * 1024;
+
+/// One request: the objects that live while its event loop runs, and what their signals do.
+class Transfer {
+public:
+    explicit Transfer(const Options& options) : m_options(options) {
+        m_manager.setRedirectPolicy(QNetworkRequest::NoLessSafeRedirectPolicy);
+        QObject::connect(
+            &m_manager, &QNetworkAccessManager::finished, &m_loop,
+            [this](QNetworkReply* reply) { Guarded(*reply, [&] { OnFinished(*reply); }); },
+            Qt::DirectConnection);
+    }
+
+    Response Run(const QNetworkRequest& request) {
+        QNetworkReply* reply = m_manager.get(request);
+        if (m_options.dataCallback) {
+            reply->setReadBufferSize(kReadBufferBytes);
+            QObject::connect(reply, &QNetworkReply::readyRead, &m_loop,
+                             [this, reply] { Guarded(*reply, [&] { HandOverData(*reply); }); });
+        }
+        if (m_options.progressCallback) {
+            QObject::connect(reply, &QNetworkReply::downloadProgress, &m_loop,
+                             [this, reply](qint64 received, qint64 total) {
+                                 Guarded(*reply, [&] { OnProgress(*reply, received, total); });
+                             });
+        }
+        QTimer::singleShot(Timeout(), &m_loop, [this, reply] { Leave(*reply); });
+        m_loop.exec(QEventLoop::ExcludeUserInputEvents);
+        if (m_exception)
+            std::rethrow_exception(m_exception);
+        return std::move(m_response);
+    }
+
+private:
+    std::chrono::milliseconds Timeout() const {
+        return std::chrono::milliseconds(
+            std::clamp<std::int64_t>(m_options.timeout / 1000, 0, std::numeric_limits<int>::max()));
+    }
+
+    /// Runs a handler; what it throws must not pass through Qt and is thrown again by Run.
+    template <typename Handler>
+    void Guarded(QNetworkReply& reply, Handler handler) {
+        if (m_exception)
+            return;
+        try {
+            handler();
+        } catch (...) {
+            m_exception = std::current_exception();
+            Leave(reply);
+        }
+    }
+
+    /// Closing a running reply finishes it at once, as cancelled.
+    void Leave(QNetworkReply& reply) {
+        reply.close();
+        m_loop.quit();
+    }
+
+    std::string ReadAll(QNetworkReply& reply) {
+        std::string data = reply.readAll().toStdString();
+        m_received += static_cast<qint64>(data.size());
+        return data;
+    }
+
+    void HandOverData(QNetworkReply& reply) {
+        std::string data = ReadAll(reply);
+        if (!data.empty())
+            m_options.dataCallback(std::move(data));
+    }
+
+    void OnProgress(QNetworkReply& reply, qint64 received, qint64 total) {
+        m_options.progressCallback(static_cast<std::size_t>(received),
+                                   static_cast<std::size_t>(total));
+        if (m_options.cancellationQuery())
+            Leave(reply);
+    }
+
+    void OnFinished(QNetworkReply& reply) {
+        switch (reply.error()) {
+        case QNetworkReply::NoError:
+            if (m_options.dataCallback)
+                HandOverData(reply);
+            else
+                m_response.body = ReadAll(reply);
+            if (IsShort(reply)) {
+                m_response.errorCode = 4;
+                m_response.errorText = "Connection closed";
+            } else {
+                m_response.errorCode = 0;
+            }
+            break;
+        case QNetworkReply::OperationCanceledError:
+            m_response.errorCode = 15;
+            break;
+        default:
+            m_response.errorCode = 4;
+            m_response.errorText = reply.errorString().toStdString();
+        }
+        Leave(reply);
+    }
+
+    /// Now and then Qt 5 reports no error for a body that ended short of its Content-Length. It
+    /// takes that header away when it has decoded the body, whose length then differs.
+    bool IsShort(const QNetworkReply& reply) const {
+        const QVariant announced = reply.header(QNetworkRequest::ContentLengthHeader);
+        return announced.isValid() && m_received < announced.toLongLong();
+    }
+
+    const Options& m_options;
+    QEventLoop m_loop;
+    QNetworkAccessManager m_manager;
+    Response m_response;
+    qint64 m_received = 0;
+    std::exception_ptr m_exception;
+};
+
+} // namespace
+
+Response QtHttpClient::get(const Request& request, const Options& options) {
+    if (!request.url.isValid())
+        return {};
+    if (QCoreApplication::instance() == nullptr) {
+        LOG(ERROR) << "request=" << request.url.toString()
+                   << " needs a QCoreApplication, and there is none";
+        return {};
+    }
+    const QUrl url(QString::fromStdString(request.url.toString()), QUrl::TolerantMode);
+    return Transfer(options).Run(QNetworkRequest(url));
+}
+
+Response QtHttpClient::post(const Request&, const MultiPart&, const Options&) {
+    return {};
+}
+
+Response QtHttpClient::post(const Request&, const std::string&, const Options&) {
+    return {};
+}
+
+} // namespace Halvex::Networking

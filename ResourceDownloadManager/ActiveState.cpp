@@ -1,0 +1,164 @@
+#include "ResourceDownloadManager/ActiveState.h"
+
+#include <utility>
+
+namespace Halvex::App {
+
+namespace {
+
+using Status = IRemoteResource::DownloadStatus;
+using Error = IRemoteResource::DownloadError;
+using Event = IEventTracer::Event;
+
+} // namespace
+
+ActiveState::ActiveState(IEventTracer::TraceRecord record,
+                         std::shared_ptr<ITaskQueue> notificationQueue,
+                         std::shared_ptr<IEventTracer> tracer)
+    : m_record(std::move(record)), m_notificationQueue(std::move(notificationQueue)),
+      m_tracer(std::move(tracer)) {}
+
+ActiveState::State ActiveState::GetState() {
+    const DeliveryScope delivery(m_delivery);
+    const MutexLock lock(m_mutex);
+    return m_state;
+}
+
+IEventTracer::TraceRecord ActiveState::GetTraceRecord(State& snapshot) const {
+    {
+        const MutexLock lock(m_mutex);
+        snapshot = m_state;
+    }
+    IEventTracer::TraceRecord record = m_record;
+    record.state = &snapshot;
+    return record;
+}
+
+void ActiveState::SetAvailable() {
+    Change({Status::Available, Error::NoError, 1.0});
+}
+
+void ActiveState::SetError(Error error) {
+    Change({Status::Error, error, 0.0});
+}
+
+void ActiveState::SetProgress(std::uint64_t done, std::uint64_t total) {
+    Change({Status::Dowloading, Error::NoError,
+            static_cast<double>(done) / static_cast<double>(total)});
+}
+
+void ActiveState::AddParent(ActiveState& parent) {
+    State* entry = parent.AddChild(this);
+    const MutexLock lock(m_mutex);
+    m_parents.push_back({&parent, entry});
+}
+
+ActiveState::State* ActiveState::AddChild(const ActiveState* child) {
+    const MutexLock lock(m_mutex);
+    State& entry = m_children[child];
+    m_aggregate.Add(entry);
+    return &entry;
+}
+
+void ActiveState::AddHandler(IRemoteResourceEventHandler* handler, Callback callback,
+                             const IRemoteResource::NotificationParams& params) {
+    const DeliveryScope delivery(m_delivery);
+    const MutexLock lock(m_mutex);
+    if (m_handlers.count(handler) == 0)
+        m_handlers.emplace(
+            handler, HandlerEntry{std::move(callback), params, std::nullopt, m_registrations++});
+}
+
+void ActiveState::RemoveHandler(IRemoteResourceEventHandler* handler) {
+    // Dies last: what the entry holds is the application's.
+    decltype(m_handlers)::node_type removed;
+    const DeliveryScope delivery(m_delivery);
+    const MutexLock lock(m_mutex);
+    removed = m_handlers.extract(handler);
+}
+
+void ActiveState::CheckAllNotifications() {
+    Deliveries due;
+    {
+        const MutexLock lock(m_mutex);
+        CheckAllNotificationsLocked(due);
+    }
+    Post(std::move(due));
+}
+
+void ActiveState::Change(State state) {
+    Deliveries due;
+    {
+        const MutexLock lock(m_mutex);
+        m_state = state;
+        CheckAllNotificationsLocked(due);
+    }
+    Post(std::move(due));
+}
+
+void ActiveState::CheckAllNotificationsLocked(Deliveries& due) {
+    CheckOwnNotificationsLocked(due);
+    for (const ParentLink& link : m_parents) {
+        ActiveState& parent = *link.parent;
+        const MutexLock lock(parent.m_mutex);
+        parent.UpdateChildLocked(*link.entry, m_state);
+        parent.CheckAllNotificationsLocked(due);
+    }
+}
+
+void ActiveState::CheckOwnNotificationsLocked(Deliveries& due) {
+    for (auto& [handler, entry] : m_handlers) {
+        if (entry.params.statuses.count(m_state.status) == 0)
+            continue;
+        const bool isRepeat = entry.lastNotified && entry.lastNotified->status == m_state.status;
+        if (isRepeat && !IsRepeatDueLocked(entry))
+            continue;
+        entry.lastNotified = m_state;
+        due.push_back([this, delivery = Delivery{handler, entry.registration, isRepeat, m_state}] {
+            Deliver(delivery);
+        });
+    }
+}
+
+bool ActiveState::IsRepeatDueLocked(const HandlerEntry& entry) const {
+    // Negated, so that a difference that is not a number counts as large enough.
+    return m_state.status == Status::Dowloading && entry.params.notifyProgress &&
+           !(m_state.progress - entry.lastNotified->progress < entry.params.progressStep);
+}
+
+void ActiveState::UpdateChildLocked(State& entry, const State& state) {
+    m_aggregate.Remove(entry);
+    entry = state;
+    m_aggregate.Add(entry);
+    m_state = m_children.size() == 1 ? entry : m_aggregate.Result();
+}
+
+void ActiveState::Post(Deliveries due) {
+    for (ITaskQueue::Task& delivery : due)
+        m_notificationQueue->AddTask(std::move(delivery), ITaskQueue::Middle);
+}
+
+void ActiveState::Deliver(const Delivery& delivery) {
+    const DeliveryScope scope(m_delivery);
+    // Copies: the observer may unregister while it is called.
+    Callback callback;
+    State lastNotified;
+    {
+        const MutexLock lock(m_mutex);
+        const auto found = m_handlers.find(delivery.handler);
+        if (found == m_handlers.end() || found->second.registration != delivery.registration)
+            return;
+        callback = found->second.callback;
+        lastNotified = *found->second.lastNotified;
+    }
+    IEventTracer::TraceRecord record = m_record;
+    record.state = &lastNotified;
+    m_tracer->Trace(delivery.isProgress ? Event::ProgressNotification : Event::StatusNotification,
+                    record);
+    callback(delivery.state);
+    m_tracer->Trace(delivery.isProgress ? Event::ProgressNotificationEnd
+                                        : Event::StatusNotificationEnd,
+                    record);
+}
+
+} // namespace Halvex::App

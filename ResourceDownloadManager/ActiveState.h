@@ -1,0 +1,121 @@
+#pragma once
+
+#include "Foundation/Mutex.h"
+#include "ResourceDownloadManager/AggregateState.h"
+#include "ResourceDownloadManager/DeliveryLock.h"
+#include "ResourceDownloadManager/IEventTracer.h"
+#include "ResourceDownloadManager/IRemoteResource.h"
+#include "ResourceDownloadManager/ITaskQueue.h"
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <vector>
+
+namespace Halvex::App {
+
+/// One observable state: that of a resource, or that of a bundle, which follows the states linked
+/// below it. Works out which observers are due a notification and delivers it through a queue.
+///
+/// Thread-safe. Must outlive the notifications that it has queued, and its children.
+///
+/// A change is made and its notifications are collected under the lock of the state that changes
+/// and, one after the other, those of its parents. They are queued after that, and delivered under
+/// the delivery lock alone: an observer never holds up a change.
+class ActiveState {
+public:
+    using State = IRemoteResource::State;
+    using Callback = std::function<void(State)>;
+
+    /// Waiting. The record says what the state belongs to.
+    ActiveState(IEventTracer::TraceRecord record, std::shared_ptr<ITaskQueue> notificationQueue,
+                std::shared_ptr<IEventTracer> tracer);
+
+    ActiveState(const ActiveState&) = delete;
+    ActiveState& operator=(const ActiveState&) = delete;
+
+    /// The latest state. Waits for an observer that is being called on another thread.
+    State GetState() EXCLUDES(m_mutex);
+
+    /// What the state belongs to and the state itself, a copy of which is stored in snapshot: the
+    /// record's state pointer leads there.
+    IEventTracer::TraceRecord GetTraceRecord(State& snapshot) const EXCLUDES(m_mutex);
+
+    void SetAvailable() EXCLUDES(m_mutex);
+    void SetError(IRemoteResource::DownloadError error) EXCLUDES(m_mutex);
+    /// The progress of 0 of 0 is not a number.
+    void SetProgress(std::uint64_t done, std::uint64_t total) EXCLUDES(m_mutex);
+
+    /// Links this state below another one, which must outlive every later change of this one. To be
+    /// called once per parent, and followed by CheckAllNotifications.
+    void AddParent(ActiveState& parent) EXCLUDES(m_mutex);
+
+    /// Adds an observer with the function to call for it, unless it has one already. Waits as
+    /// GetState does; so does RemoveHandler.
+    void AddHandler(IRemoteResourceEventHandler* handler, Callback callback,
+                    const IRemoteResource::NotificationParams& params) EXCLUDES(m_mutex);
+    /// Notifications on their way to the observer are dropped.
+    void RemoveHandler(IRemoteResourceEventHandler* handler) EXCLUDES(m_mutex);
+
+    /// Tells the parents of the present state, and every observer of this state and theirs that is
+    /// due a notification.
+    void CheckAllNotifications() EXCLUDES(m_mutex);
+
+private:
+    using Deliveries = std::vector<ITaskQueue::Task>;
+
+    struct HandlerEntry {
+        Callback callback;
+        IRemoteResource::NotificationParams params;
+        std::optional<State> lastNotified;
+        /// Tells the registrations of one observer apart, so that a notification meant for an
+        /// earlier one is not delivered to a later one.
+        std::uint64_t registration;
+    };
+
+    struct Delivery {
+        IRemoteResourceEventHandler* handler;
+        std::uint64_t registration;
+        bool isProgress;
+        State state;
+    };
+
+    struct ParentLink {
+        ActiveState* parent;
+        /// This state's entry among the parent's children, guarded by the parent's mutex.
+        State* entry;
+    };
+
+    void Change(State state) EXCLUDES(m_mutex);
+    void CheckAllNotificationsLocked(Deliveries& due) REQUIRES(m_mutex);
+    void CheckOwnNotificationsLocked(Deliveries& due) REQUIRES(m_mutex);
+    bool IsRepeatDueLocked(const HandlerEntry& entry) const REQUIRES(m_mutex);
+    State* AddChild(const ActiveState* child) EXCLUDES(m_mutex);
+    void UpdateChildLocked(State& entry, const State& state) REQUIRES(m_mutex);
+    void Post(Deliveries due);
+    void Deliver(const Delivery& delivery) EXCLUDES(m_mutex);
+
+    const IEventTracer::TraceRecord m_record;
+    const std::shared_ptr<ITaskQueue> m_notificationQueue;
+    const std::shared_ptr<IEventTracer> m_tracer;
+
+    /// Held while an observer is called. Outside every ActiveState's m_mutex.
+    DeliveryLock m_delivery;
+
+    /// Taken with the mutex of a child held, never the other way round.
+    mutable Mutex m_mutex ACQUIRED_AFTER(m_delivery);
+    std::map<IRemoteResourceEventHandler*, HandlerEntry, std::less<>>
+        m_handlers GUARDED_BY(m_mutex);
+    std::uint64_t m_registrations GUARDED_BY(m_mutex) = 0;
+    /// In the order of linking.
+    std::vector<ParentLink> m_parents GUARDED_BY(m_mutex);
+    /// The last state that each child has reported.
+    std::map<const ActiveState*, State, std::less<>> m_children GUARDED_BY(m_mutex);
+    /// Of the states in m_children.
+    AggregateState m_aggregate GUARDED_BY(m_mutex);
+    State m_state GUARDED_BY(m_mutex);
+};
+
+} // namespace Halvex::App

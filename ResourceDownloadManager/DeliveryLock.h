@@ -1,0 +1,53 @@
+#pragma once
+
+#include "Foundation/Mutex.h"
+
+#include <condition_variable>
+#include <cstddef>
+#include <thread>
+
+namespace Halvex::App {
+
+/// Lets one thread at a time call the observers of a bundle. That thread may take the lock again:
+/// an observer that is being called may ask its bundle for its state or unregister.
+///
+/// Thread-safe.
+class CAPABILITY("mutex") DeliveryLock {
+public:
+    void lock() ACQUIRE() {
+        const std::thread::id self = std::this_thread::get_id();
+        MutexLock lock(m_mutex);
+        while (m_depth != 0 && m_owner != self)
+            lock.Wait(m_free);
+        m_owner = self;
+        ++m_depth;
+    }
+
+    void unlock() RELEASE() {
+        const MutexLock lock(m_mutex);
+        // Under the mutex: whoever waits for this lock may destroy it as soon as it has it.
+        if (--m_depth == 0)
+            m_free.notify_one();
+    }
+
+private:
+    Mutex m_mutex;
+    std::condition_variable m_free;
+    std::thread::id m_owner GUARDED_BY(m_mutex);
+    std::size_t m_depth GUARDED_BY(m_mutex) = 0;
+};
+
+/// Holds a DeliveryLock from construction to destruction.
+class SCOPED_CAPABILITY DeliveryScope {
+public:
+    explicit DeliveryScope(DeliveryLock& lock) ACQUIRE(lock) : m_lock(lock) { m_lock.lock(); }
+    ~DeliveryScope() RELEASE() { m_lock.unlock(); }
+
+    DeliveryScope(const DeliveryScope&) = delete;
+    DeliveryScope& operator=(const DeliveryScope&) = delete;
+
+private:
+    DeliveryLock& m_lock;
+};
+
+} // namespace Halvex::App

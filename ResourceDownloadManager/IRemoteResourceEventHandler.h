@@ -1,0 +1,32 @@
+#pragma once
+
+#include "ResourceDownloadManager/IRemoteResource.h"
+
+namespace Halvex::App {
+
+/// An observer of bundles.
+class IRemoteResourceEventHandler {
+public:
+    virtual ~IRemoteResourceEventHandler() = default;
+
+    /// Called with a state that the bundle has reached. States arrive in the order in which the
+    /// notification queue runs them; GetState tells the latest one.
+    ///
+    /// Runs on the notification queue's thread: with TaskQueueQt on the thread that made the queue,
+    /// with TaskQueueImmediate on the worker thread that caused the change, or on the thread that
+    /// registered the observer or scheduled the bundle.
+    ///
+    /// Runs with the bundle's delivery lock held: the callbacks of one bundle never overlap. It may
+    /// ask this bundle for its state and register or unregister observers with it, itself included.
+    /// It must not wait for another thread that does so, nor call another bundle whose observers
+    /// call this one. With TaskQueueImmediate it may also run inside a call of Register or Schedule
+    /// that holds the scheduler's or the resource's lock, so there it must not register, and not
+    /// schedule a resource with checkOnSchedule set; post that to a thread of your own.
+    ///
+    /// What it throws goes to whoever runs the notification queue: on a worker thread it ends the
+    /// process.
+    virtual void OnStateChanged(IRemoteResource::State state,
+                                const ResourceDescriptorBundle* bundle) = 0;
+};
+
+} // namespace Halvex::App

@@ -1,0 +1,144 @@
+#include "ResourceDownloadManager/ParallelExecutor.h"
+
+#include "Foundation/Mutex.h"
+#include "ResourceDownloadManager/ITaskQueue.h"
+#include "ResourceDownloadManager/ITaskQueueEventHandler.h"
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <thread>
+#include <vector>
+
+namespace Halvex::App {
+
+struct HALVEX_HIDDEN ParallelExecutor::Impl : ITaskQueueEventHandler {
+    explicit Impl(std::size_t threadCount) : workers(threadCount) {}
+
+    void OnQueueEvent(QueueEvent event) override EXCLUDES(stateMutex) {
+        if (event != QueueEvent::QueueNotEmpty)
+            return;
+        const MutexLock lock(stateMutex);
+        tasksAvailable = true;
+        stateChanged.notify_all();
+    }
+
+    Result Exec(ITaskQueue& queue) EXCLUDES(execMutex, stateMutex) {
+        const MutexLock call(execMutex);
+        JoinWorkersLocked();
+        executedAny.store(Result::NothingExecuted, std::memory_order_relaxed);
+        SetActiveWorkers(workers.size());
+        queue.RegisterEventHandler(this);
+        StartWorkersLocked(queue);
+        JoinWorkersLocked();
+        queue.UnregisterEventHandler(this);
+        return executedAny.load(std::memory_order_relaxed);
+    }
+
+    void Abort() EXCLUDES(execMutex, stateMutex) {
+        aborted.exchange(true);
+        stateChanged.notify_all();
+        // A worker between its test of aborted and its wait misses a single broadcast.
+        while (!execMutex.try_lock()) {
+            stateChanged.notify_all();
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        execMutex.unlock();
+    }
+
+    void JoinLeftovers() EXCLUDES(execMutex) {
+        const MutexLock call(execMutex);
+        JoinWorkersLocked();
+    }
+
+private:
+    void SetActiveWorkers(std::size_t count) EXCLUDES(stateMutex) {
+        const MutexLock lock(stateMutex);
+        activeWorkers = count;
+    }
+
+    void StartWorkersLocked(ITaskQueue& queue) REQUIRES(execMutex) {
+        std::size_t started = 0;
+        try {
+            for (std::thread& worker : workers) {
+                // A worker of an aborted executor would end at once: do not go to the cost of it.
+                if (aborted)
+                    return;
+                worker = std::thread([this, &queue] { Work(queue); });
+                ++started;
+            }
+        } catch (...) {
+            // Those that run must not wait for the others to go idle.
+            const MutexLock lock(stateMutex);
+            activeWorkers -= workers.size() - started;
+            stateChanged.notify_all();
+            throw;
+        }
+    }
+
+    void JoinWorkersLocked() REQUIRES(execMutex) {
+        for (std::thread& worker : workers) {
+            if (worker.joinable())
+                worker.join();
+        }
+    }
+
+    void Work(ITaskQueue& queue) noexcept {
+        while (!aborted) {
+            if (queue.ExecOne())
+                executedAny.store(Result::TasksExecuted, std::memory_order_relaxed);
+            else if (!WaitForTasks())
+                return;
+        }
+    }
+
+    /// Parks a worker that has found the queue empty. True: there are tasks again; false: all
+    /// workers are idle, or the executor is aborted.
+    bool WaitForTasks() EXCLUDES(stateMutex) {
+        MutexLock lock(stateMutex);
+        --activeWorkers;
+        tasksAvailable = false;
+        stateChanged.notify_all();
+        while (!aborted && activeWorkers != 0 && !tasksAvailable)
+            lock.Wait(stateChanged);
+        if (!tasksAvailable)
+            return false;
+        ++activeWorkers;
+        return true;
+    }
+
+    /// Set when the queue announces tasks, cleared by a worker that finds it empty. Not reset
+    /// between calls.
+    bool tasksAvailable GUARDED_BY(stateMutex) = false;
+    Mutex stateMutex;
+    std::condition_variable stateChanged;
+    /// The workers that are not parked.
+    std::size_t activeWorkers GUARDED_BY(stateMutex) = 0;
+    std::vector<std::thread> workers GUARDED_BY(execMutex);
+    /// Held for the whole of a call of ExecQueue. Outside the queue's lock and stateMutex.
+    Mutex execMutex;
+    /// Written by Abort without a lock, so that it never waits to say so; never reset.
+    std::atomic<bool> aborted{false};
+    /// Written by all workers, always with the same value; read when they have been joined. A
+    /// member, because workers left over from a call that could not start them all outlive the
+    /// call.
+    std::atomic<Result> executedAny{Result::NothingExecuted};
+};
+
+ParallelExecutor::ParallelExecutor(std::size_t threadCount)
+    : m_impl(std::make_unique<Impl>(threadCount)) {}
+
+ParallelExecutor::~ParallelExecutor() {
+    m_impl->Abort();
+    m_impl->JoinLeftovers();
+}
+
+IExecutor::Result ParallelExecutor::ExecQueue(ITaskQueue& queue) {
+    return m_impl->Exec(queue);
+}
+
+void ParallelExecutor::Abort() {
+    m_impl->Abort();
+}
+
+} // namespace Halvex::App

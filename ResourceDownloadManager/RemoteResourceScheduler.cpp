@@ -1,0 +1,122 @@
+#include "ResourceDownloadManager/RemoteResourceScheduler.h"
+
+#include "Foundation/Mutex.h"
+#include "ResourceDownloadManager/DownloadRetrierStub.h"
+#include "ResourceDownloadManager/Downloader/IResourceDownloader.h"
+#include "ResourceDownloadManager/EventTracerStub.h"
+#include "ResourceDownloadManager/PostProcessorStub.h"
+#include "ResourceDownloadManager/ResourceBundle.h"
+#include "ResourceDownloadManager/ResourceDescriptor.h"
+#include "ResourceDownloadManager/ResourceItem.h"
+#include "ResourceDownloadManager/TaskQueue.h"
+#include "ResourceDownloadManager/TaskQueueImmediate.h"
+#include "ResourceDownloadManager/ValidatorStub.h"
+
+#include <glog/logging.h>
+
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+namespace Halvex::App {
+
+namespace {
+
+class ResourceDownloaderStub : public IResourceDownloader {
+public:
+    Status Exec(Task task) const override {
+        // The callbacks must die before this returns, which a parameter need not do.
+        const Task local = std::move(task);
+        return Status::Failed;
+    }
+    void Abort() override {}
+};
+
+template <typename Default, typename Interface>
+std::shared_ptr<Interface> OrDefault(const std::shared_ptr<Interface>& service, const char* name) {
+    if (service)
+        return service;
+    LOG(ERROR) << "scheduler was given no " << name;
+    return std::make_shared<Default>();
+}
+
+} // namespace
+
+struct HALVEX_HIDDEN RemoteResourceScheduler::Impl {
+    explicit Impl(ItemServices itemServices) : services(std::move(itemServices)) {}
+
+    ResourceBundle* Register(const ResourceDescriptorBundle* descriptor) EXCLUDES(mutex) {
+        const MutexLock lock(mutex);
+        const auto known = bundleIndex.find(descriptor);
+        if (known != bundleIndex.end())
+            return known->second;
+        ResourceBundle* bundle = AddBundleLocked(descriptor);
+        for (const ResourceDescriptor* member : descriptor->descriptors)
+            bundle->AddItem(*ItemLocked(member));
+        // Pushes the present states of the items up into the new bundle.
+        for (ResourceItem* item : bundle->GetItems())
+            item->State().CheckAllNotifications();
+        return bundle;
+    }
+
+private:
+    ResourceBundle* AddBundleLocked(const ResourceDescriptorBundle* descriptor) REQUIRES(mutex) {
+        bundles.push_back(std::make_unique<ResourceBundle>(descriptor, services.notificationQueue,
+                                                           services.tracer));
+        bundleIndex[descriptor] = bundles.back().get();
+        return bundles.back().get();
+    }
+
+    ResourceItem* ItemLocked(const ResourceDescriptor* descriptor) REQUIRES(mutex) {
+        ResourceItem*& item = itemIndex[descriptor];
+        if (item == nullptr) {
+            items.push_back(std::make_unique<ResourceItem>(descriptor, services));
+            item = items.back().get();
+        }
+        return item;
+    }
+
+    const ItemServices services;
+    /// Held for the whole of a registration. Outside the locks of items and states.
+    Mutex mutex;
+    // Items outlive the bundles that they list as their states' parents: no item changes any more
+    // when this is destroyed.
+    std::vector<std::unique_ptr<ResourceItem>> items GUARDED_BY(mutex);
+    std::unordered_map<const ResourceDescriptor*, ResourceItem*> itemIndex GUARDED_BY(mutex);
+    std::vector<std::unique_ptr<ResourceBundle>> bundles GUARDED_BY(mutex);
+    std::unordered_map<const ResourceDescriptorBundle*, ResourceBundle*>
+        bundleIndex GUARDED_BY(mutex);
+};
+
+RemoteResourceScheduler::RemoteResourceScheduler(
+    const std::shared_ptr<IResourceDownloader>& downloader,
+    const std::shared_ptr<ITaskQueue>& checkQueue,
+    const std::shared_ptr<ITaskQueue>& notificationQueue,
+    const std::shared_ptr<IPostProcessor>& postProcessor,
+    const std::shared_ptr<IValidator>& validator, const std::shared_ptr<IEventTracer>& eventTracer,
+    const std::shared_ptr<IDownloadRetrier>& retrier)
+    : m_impl(std::make_unique<Impl>(
+          ItemServices{OrDefault<ResourceDownloaderStub>(downloader, "downloader"),
+                       OrDefault<TaskQueue>(checkQueue, "check queue"),
+                       OrDefault<TaskQueueImmediate>(notificationQueue, "notification queue"),
+                       OrDefault<PostProcessorStub>(postProcessor, "post-processor"),
+                       OrDefault<ValidatorStub>(validator, "validator"),
+                       OrDefault<EventTracerStub>(eventTracer, "event tracer"),
+                       OrDefault<DownloadRetrierStub>(retrier, "retrier")})) {}
+
+RemoteResourceScheduler::~RemoteResourceScheduler() = default;
+
+IRemoteResource*
+RemoteResourceScheduler::RegisterAutoSchedule(const ResourceDescriptorBundle* bundle,
+                                              ISchedulableResource::SchedulePriority priority) {
+    ResourceBundle* resource = m_impl->Register(bundle);
+    for (ResourceItem* item : resource->GetItems())
+        item->ScheduleIfNeeded(priority);
+    return resource;
+}
+
+IRemoteResource* RemoteResourceScheduler::Register(const ResourceDescriptorBundle* bundle) {
+    return m_impl->Register(bundle);
+}
+
+} // namespace Halvex::App

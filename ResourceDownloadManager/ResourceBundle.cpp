@@ -1,0 +1,46 @@
+#include "ResourceDownloadManager/ResourceBundle.h"
+
+#include "ResourceDownloadManager/IRemoteResourceEventHandler.h"
+#include "ResourceDownloadManager/ResourceItem.h"
+
+#include <utility>
+
+namespace Halvex::App {
+
+ResourceBundle::ResourceBundle(const ResourceDescriptorBundle* descriptor,
+                               std::shared_ptr<ITaskQueue> notificationQueue,
+                               std::shared_ptr<IEventTracer> tracer)
+    : m_state({nullptr, descriptor, nullptr, {}}, std::move(notificationQueue), std::move(tracer)),
+      m_descriptor(descriptor) {}
+
+void ResourceBundle::AddItem(ResourceItem& item) {
+    item.State().AddParent(m_state);
+    m_items.insert(&item);
+}
+
+void ResourceBundle::Schedule(SchedulePriority priority) {
+    for (ResourceItem* item : m_items)
+        item->Schedule(priority);
+}
+
+IRemoteResource::State ResourceBundle::GetState() {
+    return m_state.GetState();
+}
+
+const ResourceDescriptorBundle* ResourceBundle::GetDescriptor() {
+    return m_descriptor;
+}
+
+void ResourceBundle::RegisterEventHandler(IRemoteResourceEventHandler* handler,
+                                          const NotificationParams& params) {
+    m_state.AddHandler(
+        handler, [this, handler](State state) { handler->OnStateChanged(state, m_descriptor); },
+        params);
+    m_state.CheckAllNotifications();
+}
+
+void ResourceBundle::UnregisterEventHandler(IRemoteResourceEventHandler* handler) {
+    m_state.RemoveHandler(handler);
+}
+
+} // namespace Halvex::App

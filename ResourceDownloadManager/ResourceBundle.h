@@ -1,0 +1,48 @@
+#pragma once
+
+#include "ResourceDownloadManager/ActiveState.h"
+#include "ResourceDownloadManager/IRemoteResource.h"
+
+#include <functional>
+#include <memory>
+#include <set>
+
+namespace Halvex::App {
+
+class ResourceItem;
+
+/// A registered bundle: what Register returns to the application.
+///
+/// Thread-safe, apart from AddItem.
+class ResourceBundle : public IRemoteResource {
+public:
+    using Items = std::set<ResourceItem*, std::less<>>;
+
+    /// The descriptor must outlive the bundle.
+    ResourceBundle(const ResourceDescriptorBundle* descriptor,
+                   std::shared_ptr<ITaskQueue> notificationQueue,
+                   std::shared_ptr<IEventTracer> tracer);
+
+    ResourceBundle(const ResourceBundle&) = delete;
+    ResourceBundle& operator=(const ResourceBundle&) = delete;
+
+    /// Adds an item, not owned, and links its state below the bundle's. Before the bundle is handed
+    /// out.
+    void AddItem(ResourceItem& item);
+    /// In the order of their addresses.
+    const Items& GetItems() const { return m_items; }
+
+    void Schedule(SchedulePriority priority) override;
+    State GetState() override;
+    const ResourceDescriptorBundle* GetDescriptor() override;
+    void RegisterEventHandler(IRemoteResourceEventHandler* handler,
+                              const NotificationParams& params) override;
+    void UnregisterEventHandler(IRemoteResourceEventHandler* handler) override;
+
+private:
+    ActiveState m_state;
+    const ResourceDescriptorBundle* const m_descriptor;
+    Items m_items;
+};
+
+} // namespace Halvex::App

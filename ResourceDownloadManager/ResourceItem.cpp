@@ -1,0 +1,140 @@
+#include "ResourceDownloadManager/ResourceItem.h"
+
+#include "ResourceDownloadManager/Downloader/IResourceDownloader.h"
+#include "ResourceDownloadManager/FileUtils.h"
+#include "ResourceDownloadManager/IDownloadRetrier.h"
+#include "ResourceDownloadManager/IEventTracer.h"
+#include "ResourceDownloadManager/IPostProcessor.h"
+#include "ResourceDownloadManager/ITaskQueue.h"
+#include "ResourceDownloadManager/IValidator.h"
+#include "ResourceDownloadManager/ResourceDescriptor.h"
+
+#include <utility>
+
+namespace Halvex::App {
+
+namespace {
+
+using DownloadError = IRemoteResource::DownloadError;
+using Event = IEventTracer::Event;
+
+constexpr std::int32_t kRejected = 1;
+
+/// The values of ResourceDescriptor::validationMode that make a difference.
+constexpr std::int32_t kAlwaysDownload = 0;
+constexpr std::int32_t kValidate = 1;
+constexpr std::int32_t kExistenceSuffices = 2;
+
+ITaskQueue::Priority ToQueuePriority(ISchedulableResource::SchedulePriority priority) {
+    switch (priority) {
+    case ISchedulableResource::SchedulePriority::High:
+        return ITaskQueue::Higher;
+    case ISchedulableResource::SchedulePriority::Normal:
+        return ITaskQueue::Middle;
+    case ISchedulableResource::SchedulePriority::Low:
+        break;
+    }
+    return ITaskQueue::Lower;
+}
+
+} // namespace
+
+ResourceItem::ResourceItem(const ResourceDescriptor* descriptor, const ItemServices& services)
+    : m_state({descriptor, nullptr, nullptr, {}}, services.notificationQueue, services.tracer),
+      m_descriptor(descriptor), m_services(services) {}
+
+void ResourceItem::Schedule(SchedulePriority priority) {
+    const MutexLock lock(m_mutex);
+    ScheduleUncheckedLocked(priority);
+}
+
+void ResourceItem::ScheduleIfNeeded(SchedulePriority priority) {
+    const MutexLock lock(m_mutex);
+    if (!m_scheduled || priority > m_scheduledPriority)
+        ScheduleUncheckedLocked(priority);
+}
+
+void ResourceItem::ScheduleUncheckedLocked(SchedulePriority priority) {
+    if (m_descriptor->checkOnSchedule == 1 && FileExists(m_descriptor->localPath)) {
+        m_state.SetAvailable();
+        if (m_descriptor->validationMode == kExistenceSuffices)
+            return;
+    }
+    m_scheduledPriority = priority;
+    m_scheduled = true;
+    Trace(Event::CheckScheduled);
+    m_services.checkQueue->AddTask([this] { Check(); }, ToQueuePriority(priority));
+}
+
+void ResourceItem::Check() {
+    Trace(Event::Check);
+    if (IsAlreadyAvailable())
+        m_state.SetAvailable();
+    else
+        StartDownload();
+    m_firstCheck = false;
+    Trace(Event::CheckEnd);
+}
+
+bool ResourceItem::IsAlreadyAvailable() {
+    if (m_descriptor->validationMode == kAlwaysDownload)
+        return false;
+    // What has been checked once is trusted without touching the disk again.
+    if (!m_firstCheck && m_state.GetState().status == IRemoteResource::DownloadStatus::Available)
+        return true;
+    if (!FileExists(m_descriptor->localPath))
+        return false;
+    return m_descriptor->validationMode == kExistenceSuffices ||
+           m_services.validator->Validate(m_descriptor) != kRejected;
+}
+
+void ResourceItem::StartDownload() {
+    const std::string& path = m_descriptor->relativePath;
+    m_services.tracer->Trace(Event::Download, {nullptr, nullptr, nullptr, path});
+    m_state.SetProgress(0, 1);
+    const DownloadError outcome = Download();
+    if (outcome != DownloadError::NoError)
+        m_state.SetError(outcome);
+    m_services.retrier->DownloadFinished(this, outcome);
+    m_services.tracer->Trace(
+        Event::DownloadEnd,
+        {nullptr, nullptr, nullptr, path + ", err:" + IRemoteResource::ErrorToString(outcome)});
+}
+
+DownloadError ResourceItem::Download() {
+    IResourceDownloader::Task task;
+    task.descriptor = m_descriptor;
+    task.progressCallback = [this](std::size_t done, std::size_t total) {
+        m_state.SetProgress(done, total);
+    };
+    switch (m_services.downloader->Exec(std::move(task))) {
+    case IResourceDownloader::Status::Failed:
+        return DownloadError::GeneralError;
+    case IResourceDownloader::Status::NetworkFailure:
+        return DownloadError::InternetConnectionLost;
+    case IResourceDownloader::Status::Cancelled:
+        return DownloadError::Cancelled;
+    case IResourceDownloader::Status::Ok:
+        break;
+    }
+    const DownloadError outcome = JudgeDownload();
+    if (outcome == DownloadError::NoError)
+        m_state.SetAvailable();
+    return outcome;
+}
+
+DownloadError ResourceItem::JudgeDownload() {
+    if (m_descriptor->postProcess != 0 && m_services.postProcessor->Process(m_descriptor) != 0)
+        return DownloadError::Corrupted;
+    if (m_descriptor->validationMode == kValidate &&
+        m_services.validator->Validate(m_descriptor) == kRejected)
+        return DownloadError::Corrupted;
+    return DownloadError::NoError;
+}
+
+void ResourceItem::Trace(Event event) {
+    IRemoteResource::State snapshot;
+    m_services.tracer->Trace(event, m_state.GetTraceRecord(snapshot));
+}
+
+} // namespace Halvex::App

@@ -1,0 +1,78 @@
+#include "ResourceDownloadManager/TaskQueue.h"
+
+#include "Foundation/Mutex.h"
+#include "ResourceDownloadManager/ITaskQueueEventHandler.h"
+
+#include <deque>
+#include <functional>
+#include <map>
+#include <set>
+#include <utility>
+
+namespace Halvex::App {
+
+struct HALVEX_HIDDEN TaskQueue::Impl {
+    using QueueEvent = ITaskQueueEventHandler::QueueEvent;
+
+    Mutex mutex;
+    /// A list, once made, stays when it runs empty: there are few priorities.
+    std::map<std::int32_t, std::deque<Task>> tasks GUARDED_BY(mutex);
+    /// What was announced last, not whether there are tasks: only a failed ExecOne clears it.
+    bool hasTasks GUARDED_BY(mutex) = false;
+    std::set<ITaskQueueEventHandler*, std::less<>> handlers GUARDED_BY(mutex);
+
+    void AnnounceLocked(bool nowHasTasks) REQUIRES(mutex) {
+        if (std::exchange(hasTasks, nowHasTasks) == nowHasTasks)
+            return;
+        for (ITaskQueueEventHandler* handler : handlers)
+            handler->OnQueueEvent(nowHasTasks ? QueueEvent::QueueNotEmpty : QueueEvent::QueueEmpty);
+    }
+
+    /// Moves the most urgent task out, or announces that there is none.
+    bool TakeTask(Task& task) EXCLUDES(mutex) {
+        const MutexLock lock(mutex);
+        for (auto& [priority, list] : tasks) {
+            if (list.empty())
+                continue;
+            task = std::move(list.front());
+            list.pop_front();
+            return true;
+        }
+        AnnounceLocked(false);
+        return false;
+    }
+};
+
+TaskQueue::TaskQueue() : m_impl(std::make_unique<Impl>()) {}
+
+TaskQueue::~TaskQueue() {
+    decltype(m_impl->tasks) unrun;
+    const MutexLock lock(m_impl->mutex);
+    unrun.swap(m_impl->tasks);
+}
+
+bool TaskQueue::ExecOne() {
+    Task task;
+    if (!m_impl->TakeTask(task))
+        return false;
+    task();
+    return true;
+}
+
+void TaskQueue::AddTask(Task task, Priority priority) {
+    const MutexLock lock(m_impl->mutex);
+    m_impl->tasks[priority].push_back(std::move(task));
+    m_impl->AnnounceLocked(true);
+}
+
+void TaskQueue::RegisterEventHandler(ITaskQueueEventHandler* handler) {
+    const MutexLock lock(m_impl->mutex);
+    m_impl->handlers.insert(handler);
+}
+
+void TaskQueue::UnregisterEventHandler(ITaskQueueEventHandler* handler) {
+    const MutexLock lock(m_impl->mutex);
+    m_impl->handlers.erase(handler);
+}
+
+} // namespace Halvex::App
