@@ -1,0 +1,37 @@
+#pragma once
+
+#include "Foundation/ioPath.h"
+
+#include <string>
+
+namespace Halvex::Testing {
+
+/// A new folder of its own, removed with all it holds at the end.
+class TemporaryFolder {
+public:
+    TemporaryFolder();
+    ~TemporaryFolder();
+
+    TemporaryFolder(const TemporaryFolder&) = delete;
+    TemporaryFolder& operator=(const TemporaryFolder&) = delete;
+
+    const std::string& Path() const { return m_path; }
+    /// The path of something in the folder.
+    ioPath operator/(const std::string& name) const { return ioPath(m_path + "/" + name); }
+
+    /// Makes a file in the folder, and the folders on the way to it.
+    ioPath Write(const std::string& name, const std::string& content) const;
+    /// The names directly in the folder, sorted, joined by blanks.
+    std::string List() const;
+
+private:
+    std::string m_path;
+};
+
+/// The whole content of a file; fails the test when there is none.
+std::string ReadFile(const ioPath& path);
+
+/// Bytes that differ from place to place, the same ones for the same seed.
+std::string SomeBytes(std::size_t size, unsigned seed = 1);
+
+} // namespace Halvex::Testing

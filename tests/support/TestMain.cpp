@@ -1,0 +1,9 @@
+#include <glog/logging.h>
+#include <gmock/gmock.h>
+
+int main(int argc, char** argv) {
+    google::InitGoogleLogging(argv[0]);
+    FLAGS_logtostderr = true;
+    testing::InitGoogleMock(&argc, argv);
+    return RUN_ALL_TESTS();
+}
