@@ -15,8 +15,9 @@ class HALVEX_EXPORT ioPath {
 public:
     /// The empty path, which names nothing.
     ioPath() = default;
-    ioPath(std::string text);
-    ioPath(const char* text);
+    /// Implicit: a text is how a path is commonly written.
+    ioPath(std::string text); // NOLINT(google-explicit-constructor): meant to convert
+    ioPath(const char* text); // NOLINT(google-explicit-constructor): meant to convert
 
     /// The path of the right side below the left one. An empty side gives the other one; otherwise
     /// exactly one separator stands between the two, so that a right side that begins with a

@@ -24,6 +24,9 @@ namespace {
 /// the server sends, whatever becomes of the data, and loses some of it above 4 GiB.
 constexpr qint64 kReadBufferBytes = 1024 * 1024;
 
+/// From where on Qt takes coarse timers when it is not told otherwise.
+constexpr std::chrono::milliseconds kCoarseFrom(2000);
+
 /// One request: the objects that live while its event loop runs, and what their signals do.
 class Transfer {
 public:
@@ -48,7 +51,12 @@ public:
                                  Guarded(*reply, [&] { OnProgress(*reply, received, total); });
                              });
         }
-        QTimer::singleShot(Timeout(), &m_loop, [this, reply] { Leave(*reply); });
+        // Not QTimer's static function: what that makes stays behind until the time-out has passed.
+        QTimer timer;
+        timer.setSingleShot(true);
+        timer.setTimerType(Timeout() < kCoarseFrom ? Qt::PreciseTimer : Qt::CoarseTimer);
+        QObject::connect(&timer, &QTimer::timeout, &m_loop, [this, reply] { Leave(*reply); });
+        timer.start(Timeout());
         m_loop.exec(QEventLoop::ExcludeUserInputEvents);
         if (m_exception)
             std::rethrow_exception(m_exception);
@@ -107,6 +115,7 @@ private:
             else
                 m_response.body = ReadAll(reply);
             if (IsShort(reply)) {
+                m_response.body.clear();
                 m_response.errorCode = 4;
                 m_response.errorText = "Connection closed";
             } else {

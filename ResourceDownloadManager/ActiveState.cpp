@@ -139,9 +139,10 @@ void ActiveState::Post(Deliveries due) {
 }
 
 void ActiveState::Deliver(const Delivery& delivery) {
-    const DeliveryScope scope(m_delivery);
-    // Copies: the observer may unregister while it is called.
+    // A copy, because the observer may unregister while it is called; then this is the last one and
+    // dies after the unlock.
     Callback callback;
+    const DeliveryScope scope(m_delivery);
     State lastNotified;
     {
         const MutexLock lock(m_mutex);

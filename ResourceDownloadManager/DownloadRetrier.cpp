@@ -51,7 +51,7 @@ struct HALVEX_HIDDEN DownloadRetrier::Impl {
     /// Check has answered Wait for the first resource of the queue; it is retried next.
     bool waitPending GUARDED_BY(mutex) = false;
     ConnectionState connection GUARDED_BY(mutex) = ConnectionState::Good;
-    std::unordered_map<ISchedulableResource*, Outcome> outcomes GUARDED_BY(mutex);
+    std::unordered_map<ISchedulableResource*, Outcome> outcomes GUARDED_BY(mutex){8};
 };
 
 DownloadRetrier::DownloadRetrier() : m_impl(std::make_unique<Impl>()) {}

@@ -24,6 +24,7 @@ public:
     ~TemporaryFile();
 
     /// Whether both paths were clear after construction.
+    // NOLINTNEXTLINE(google-explicit-constructor): a plain conversion is the documented interface
     operator bool() const { return m_valid; }
 
     /// Moves the finished file onto its destination, its bytes on disk first.

@@ -25,7 +25,7 @@ struct HALVEX_HIDDEN ParallelExecutor::Impl : ITaskQueueEventHandler {
 
     Result Exec(ITaskQueue& queue) EXCLUDES(execMutex, stateMutex) {
         const MutexLock call(execMutex);
-        JoinWorkersLocked();
+        JoinLeftoversLocked();
         executedAny.store(Result::NothingExecuted, std::memory_order_relaxed);
         SetActiveWorkers(workers.size());
         queue.RegisterEventHandler(this);
@@ -46,12 +46,11 @@ struct HALVEX_HIDDEN ParallelExecutor::Impl : ITaskQueueEventHandler {
         execMutex.unlock();
     }
 
-    void JoinLeftovers() EXCLUDES(execMutex) {
+    void JoinLeftovers() EXCLUDES(execMutex, stateMutex) {
         const MutexLock call(execMutex);
-        JoinWorkersLocked();
+        JoinLeftoversLocked();
     }
 
-private:
     void SetActiveWorkers(std::size_t count) EXCLUDES(stateMutex) {
         const MutexLock lock(stateMutex);
         activeWorkers = count;
@@ -74,6 +73,17 @@ private:
             stateChanged.notify_all();
             throw;
         }
+    }
+
+    /// Joins the workers of a call that could not start them all.
+    void JoinLeftoversLocked() REQUIRES(execMutex) EXCLUDES(stateMutex) {
+        {
+            // Abort had no call to wait for and broadcast only once, which a worker between its
+            // test of aborted and its wait has missed. None is there while the lock is held.
+            const MutexLock lock(stateMutex);
+            stateChanged.notify_all();
+        }
+        JoinWorkersLocked();
     }
 
     void JoinWorkersLocked() REQUIRES(execMutex) {

@@ -59,7 +59,6 @@ struct HALVEX_HIDDEN RemoteResourceScheduler::Impl {
         return bundle;
     }
 
-private:
     ResourceBundle* AddBundleLocked(const ResourceDescriptorBundle* descriptor) REQUIRES(mutex) {
         bundles.push_back(std::make_unique<ResourceBundle>(descriptor, services.notificationQueue,
                                                            services.tracer));

@@ -1,6 +1,7 @@
 #include "ResourceDownloadManager/ResourceDownloadManager.h"
 
 #include "Foundation/HttpClientFactory.h"
+#include "Foundation/Mutex.h"
 #include "Networking/QtHttpClient.h"
 #include "ResourceDownloadManager/BlockingExecutor.h"
 #include "ResourceDownloadManager/DownloadRetrier.h"
@@ -21,6 +22,8 @@
 
 #include <glog/logging.h>
 
+#include <atomic>
+#include <system_error>
 #include <thread>
 
 namespace Halvex::App {
@@ -38,11 +41,7 @@ struct SchedulerSet {
     std::shared_ptr<IRemoteResourceScheduler> scheduler;
     std::unique_ptr<TaskQueueWatcher> watcher;
 
-    void Watch() {
-        // The old one must be gone first: a queue may not be told apart from a new one.
-        watcher.reset();
-        watcher = std::make_unique<TaskQueueWatcher>(*checkQueue);
-    }
+    void Watch() { watcher = std::make_unique<TaskQueueWatcher>(*checkQueue); }
 
     void Deactivate() {
         if (watcher)
@@ -77,6 +76,10 @@ struct HALVEX_HIDDEN ResourceDownloadManager::Impl {
     Dependencies dependencies;
     SchedulerSet initSet;
     SchedulerSet mainSet;
+    /// Held while the thread is joined: Abort comes while another thread waits for the loop.
+    Mutex joinMutex;
+    /// The thread that is inside RunEventLoop.
+    std::atomic<std::thread::id> runningLoop{std::thread::id()};
     std::thread eventLoopThread;
 
     void FillInDependencies() {
@@ -119,10 +122,12 @@ struct HALVEX_HIDDEN ResourceDownloadManager::Impl {
     }
 
     void RunEventLoop() {
+        runningLoop = std::this_thread::get_id();
         while (mainSet.watcher->IsActive()) {
             ProcessCurrentQueue();
             mainSet.watcher->WaitForTasks(0);
         }
+        runningLoop = std::thread::id();
     }
 
     void DeactivateWatchers() {
@@ -130,7 +135,11 @@ struct HALVEX_HIDDEN ResourceDownloadManager::Impl {
         mainSet.Deactivate();
     }
 
-    void JoinEventLoopThread() {
+    void JoinEventLoopThread() EXCLUDES(joinMutex) {
+        // Without the mutex, which is held by whoever waits for this very thread.
+        if (runningLoop.load() == std::this_thread::get_id())
+            throw std::system_error(std::make_error_code(std::errc::resource_deadlock_would_occur));
+        const MutexLock lock(joinMutex);
         // Before the watchers are told: a running loop ends by Abort, not by being waited for.
         if (eventLoopThread.joinable())
             eventLoopThread.join();
