@@ -1,0 +1,43 @@
+#pragma once
+
+#include "ResourceDownloadManager/IRemoteResourceEventHandler.h"
+#include "Signals.h"
+
+#include <cstddef>
+#include <mutex>
+#include <vector>
+
+namespace Halvex::Fetch {
+
+/// Hears from the library which files are being downloaded and which have become available, and
+/// wakes the thread that reports it. Thread-safe.
+class FileObserver : public App::IRemoteResourceEventHandler {
+public:
+    /// Borrows the wake-up, which must outlive this. A bundle's userData is the number of its file.
+    FileObserver(std::size_t files, const Wakeup& wakeup);
+
+    /// The states that this is to be told of.
+    static App::IRemoteResource::NotificationParams Params();
+
+    void OnStateChanged(App::IRemoteResource::State state,
+                        const App::ResourceDescriptorBundle* bundle) override;
+
+    /// The files that have become available since the last call, each once.
+    std::vector<std::size_t> TakeAvailable();
+    /// Whether a download of the file has ever begun.
+    bool WasDownloaded(std::size_t file) const;
+
+private:
+    struct Flags {
+        bool downloaded = false;
+        bool available = false;
+    };
+
+    const Wakeup& m_wakeup;
+    mutable std::mutex m_mutex;
+    /// Both guarded by m_mutex.
+    std::vector<Flags> m_flags;
+    std::vector<std::size_t> m_newlyAvailable;
+};
+
+} // namespace Halvex::Fetch

@@ -1,0 +1,222 @@
+#include "Manifest.h"
+
+#include "Foundation/Url.h"
+#include "JsonNode.h"
+#include "PlanBuilder.h"
+#include "Text.h"
+
+#include <algorithm>
+#include <cctype>
+#include <utility>
+
+namespace Halvex::Fetch {
+
+namespace {
+
+using Priority = App::ISchedulableResource::SchedulePriority;
+using Type = JsonNode::Type;
+
+struct Field {
+    const char* name;
+    Type type;
+    bool required;
+};
+
+const char* NameOf(Type type) {
+    switch (type) {
+    case Type::Boolean:
+        return "true or false";
+    case Type::Natural:
+        return "a number of bytes";
+    case Type::String:
+        return "a text";
+    case Type::Object:
+        return "an object";
+    case Type::Array:
+        return "a list";
+    case Type::Null:
+    case Type::Number:
+        break;
+    }
+    return "something else";
+}
+
+const JsonNode* Find(const JsonNode& object, const std::string& name) {
+    for (const auto& [key, value] : object.members) {
+        if (key == name)
+            return &value;
+    }
+    return nullptr;
+}
+
+std::string TextOf(const JsonNode& object, const char* name) {
+    const JsonNode* node = Find(object, name);
+    return node != nullptr ? node->text : std::string();
+}
+
+bool IsSha256(const std::string& text) {
+    return text.size() == 64 && std::all_of(text.begin(), text.end(), [](unsigned char digit) {
+               return std::isxdigit(digit) != 0;
+           });
+}
+
+std::string LowerCase(std::string text) {
+    for (char& character : text)
+        character = static_cast<char>(std::tolower(static_cast<unsigned char>(character)));
+    return text;
+}
+
+class ManifestReader {
+public:
+    ManifestReader(const std::string& name, bool addressesNeeded)
+        : m_builder(name + ':'), m_addressesNeeded(addressesNeeded) {}
+
+    PlanResult Read(const std::string& document) {
+        try {
+            ReadRoot(ParseJson(document));
+        } catch (const JsonError& error) {
+            m_builder.Refuse(error.line, error.what());
+        }
+        return m_builder.Finish();
+    }
+
+private:
+    void ReadRoot(const JsonNode& root) {
+        if (!CheckFields(root, "the manifest",
+                         {{"baseUrl", Type::String, false}, {"bundles", Type::Array, true}}))
+            return;
+        if (const JsonNode* baseUrl = Find(root, "baseUrl")) {
+            CheckUrl(*baseUrl, "baseUrl");
+            m_baseUrl = baseUrl->text;
+        }
+        for (const auto& member : Find(root, "bundles")->members)
+            ReadBundle(member.second);
+    }
+
+    void ReadBundle(const JsonNode& node) {
+        if (!CheckFields(node, "a bundle",
+                         {{"name", Type::String, true},
+                          {"priority", Type::String, false},
+                          {"startup", Type::Boolean, false},
+                          {"files", Type::Array, true}}))
+            return;
+        PlannedBundle bundle;
+        bundle.name = TextOf(node, "name");
+        if (bundle.name.empty() || HasControlCharacters(bundle.name))
+            m_builder.Refuse(Find(node, "name")->line, "name " + Quoted(bundle.name) +
+                                                           " is empty or has a control character");
+        if (const JsonNode* priority = Find(node, "priority"))
+            bundle.priority = ReadPriority(*priority);
+        if (const JsonNode* startup = Find(node, "startup"))
+            bundle.startup = startup->boolean;
+        m_builder.AddBundle(std::move(bundle));
+        for (const auto& member : Find(node, "files")->members)
+            ReadFile(member.second);
+    }
+
+    void ReadFile(const JsonNode& node) {
+        if (!CheckFields(node, "a file",
+                         {{"path", Type::String, true},
+                          {"url", Type::String, false},
+                          {"size", Type::Natural, false},
+                          {"sha256", Type::String, false}}))
+            return;
+        PlannedFile file;
+        const JsonNode& path = *Find(node, "path");
+        file.path = path.text;
+        if (const JsonNode* url = Find(node, "url")) {
+            CheckUrl(*url, "url");
+            file.relativeUrl = url->text;
+        } else {
+            file.baseUrl = m_baseUrl;
+            if (m_addressesNeeded && m_baseUrl.empty())
+                m_builder.Refuse(path.line, "path " + Quoted(file.path) +
+                                                " has no address: there is no url and no baseUrl");
+        }
+        if (const JsonNode* size = Find(node, "size"))
+            file.size = size->natural;
+        if (const JsonNode* sha256 = Find(node, "sha256"))
+            file.sha256 = ReadSha256(*sha256);
+        m_builder.AddFile(path.line, std::move(file));
+    }
+
+    Priority ReadPriority(const JsonNode& node) {
+        if (node.text == "high")
+            return Priority::High;
+        if (node.text == "low")
+            return Priority::Low;
+        if (node.text != "normal")
+            m_builder.Refuse(node.line,
+                             "priority " + Quoted(node.text) + " is none of high, normal and low");
+        return Priority::Normal;
+    }
+
+    std::string ReadSha256(const JsonNode& node) {
+        if (!IsSha256(node.text))
+            m_builder.Refuse(node.line,
+                             "sha256 " + Quoted(node.text) + " is not 64 hexadecimal digits");
+        return LowerCase(node.text);
+    }
+
+    void CheckUrl(const JsonNode& node, const char* field) {
+        if (!Networking::Url(node.text).isValid())
+            m_builder.Refuse(node.line, std::string(field) + ' ' + Quoted(node.text) +
+                                            " is no http or https address");
+    }
+
+    /// Whether all the fields are what they are to be. What is not gets its refusal.
+    bool CheckFields(const JsonNode& node, const std::string& what,
+                     const std::vector<Field>& fields) {
+        if (node.type != Type::Object) {
+            m_builder.Refuse(node.line, what + " must be an object");
+            return false;
+        }
+        bool good = true;
+        for (auto member = node.members.begin(); member != node.members.end(); ++member) {
+            if (Find(node, member->first) != &member->second) {
+                m_builder.Refuse(member->second.line,
+                                 what + " has the field " + Quoted(member->first) + " twice");
+                good = false;
+            } else {
+                good = CheckField(*member, what, fields) && good;
+            }
+        }
+        for (const Field& field : fields) {
+            if (field.required && Find(node, field.name) == nullptr) {
+                m_builder.Refuse(node.line, what + " has no field " + Quoted(field.name));
+                good = false;
+            }
+        }
+        return good;
+    }
+
+    bool CheckField(const std::pair<std::string, JsonNode>& member, const std::string& what,
+                    const std::vector<Field>& fields) {
+        const auto& [key, value] = member;
+        const auto field =
+            std::find_if(fields.begin(), fields.end(),
+                         [&key = key](const Field& candidate) { return key == candidate.name; });
+        if (field == fields.end()) {
+            m_builder.Refuse(value.line, what + " has an unknown field " + Quoted(key));
+            return false;
+        }
+        if (field->type != value.type) {
+            m_builder.Refuse(value.line, Quoted(key) + " must be " + NameOf(field->type));
+            return false;
+        }
+        return true;
+    }
+
+    PlanBuilder m_builder;
+    const bool m_addressesNeeded;
+    std::string m_baseUrl;
+};
+
+} // namespace
+
+PlanResult ReadManifest(const std::string& document, const std::string& name,
+                        bool addressesNeeded) {
+    return ManifestReader(name, addressesNeeded).Read(document);
+}
+
+} // namespace Halvex::Fetch

@@ -1,0 +1,49 @@
+#include "PathRules.h"
+
+#include "Text.h"
+
+#include <string_view>
+
+namespace Halvex::Fetch {
+
+namespace {
+
+CheckedPath Refused(const std::string& path, const char* reason) {
+    return {{}, "path " + Quoted(path) + ' ' + reason};
+}
+
+/// Cuts off and returns what stands before the first slash.
+std::string_view TakePart(std::string_view& rest) {
+    const std::size_t slash = rest.find('/');
+    const std::string_view part = rest.substr(0, slash);
+    rest.remove_prefix(slash == std::string_view::npos ? rest.size() : slash + 1);
+    return part;
+}
+
+} // namespace
+
+CheckedPath CheckPath(const std::string& path) {
+    if (path.empty())
+        return Refused(path, "is empty");
+    if (HasControlCharacters(path))
+        return Refused(path, "has a control character");
+    if (path.front() == '/')
+        return Refused(path, "is absolute");
+
+    std::string normal;
+    std::string_view part;
+    for (std::string_view rest = path; !rest.empty();) {
+        part = TakePart(rest);
+        if (part == "..")
+            return Refused(path, "leads out of the output folder");
+        if (part.empty() || part == ".")
+            continue;
+        normal += normal.empty() ? "" : "/";
+        normal += part;
+    }
+    if (path.back() == '/' || part == ".")
+        return Refused(path, "names a folder, not a file");
+    return {normal, {}};
+}
+
+} // namespace Halvex::Fetch

@@ -1,0 +1,55 @@
+#include "Services.h"
+
+#include "Catalogue.h"
+#include "MeteredDownloader.h"
+#include "Networking/IHttpClient.h"
+#include "Options.h"
+#include "ResourceDownloadManager/Downloader/ResourceDownloaderFileMock.h"
+#include "ResourceDownloadManager/Downloader/ResourceDownloaderHttp.h"
+#include "ResourceDownloadManager/EventTracer.h"
+#include "ResourceDownloadManager/NetworkStateEmulator.h"
+#include "ResourceDownloadManager/QtProxyProvider.h"
+#include "Sha256Validator.h"
+#include "SourceDownloader.h"
+
+namespace Halvex::Fetch {
+
+namespace {
+
+std::shared_ptr<App::IResourceDownloader>
+MakeDownloader(const Options& options,
+               const std::shared_ptr<App::INetworkStateChecker>& networkStateChecker) {
+    if (options.source)
+        return std::make_shared<SourceDownloader>(
+            std::make_shared<App::ResourceDownloaderFileMock>(App::ioPath(*options.source),
+                                                              options.sourceSpeed),
+            networkStateChecker);
+    return std::make_shared<App::ResourceDownloaderHttp>(
+        Networking::createHttpClient(options.client), std::make_shared<App::QtProxyProvider>(),
+        networkStateChecker);
+}
+
+} // namespace
+
+App::ResourceDownloadManager::Dependencies
+MakeServices(const Options& options, const Catalogue& catalogue, TransferMeter& meter,
+             const std::shared_ptr<Sha256Validator>& validator) {
+    App::ResourceDownloadManager::Dependencies services;
+    services.networkStateChecker =
+        std::make_shared<App::NetworkStateEmulator>(App::ioPath(options.offlineMarker));
+    services.resourceDownloader = std::make_shared<MeteredDownloader>(
+        MakeDownloader(options, services.networkStateChecker),
+        [&](const App::ResourceDescriptor& descriptor) -> TransferMeter::Count& {
+            return meter.Of(catalogue.Files()[descriptor.userData].bundle);
+        });
+    services.validator = validator;
+    services.postProcessor = validator;
+    if (options.trace) {
+        App::EventTracer::Params params;
+        params.traceAll = true;
+        services.eventTracer = std::make_shared<App::EventTracer>(params);
+    }
+    return services;
+}
+
+} // namespace Halvex::Fetch

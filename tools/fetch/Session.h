@@ -1,0 +1,88 @@
+#pragma once
+
+#include "Catalogue.h"
+#include "FileObserver.h"
+#include "IReport.h"
+#include "MeteredDownloader.h"
+#include "ResourceDownloadManager/IRemoteResource.h"
+#include "ResourceDownloadManager/ResourceDownloadManager.h"
+#include "Sha256Validator.h"
+#include "Signals.h"
+#include "TransferMeter.h"
+
+#include <atomic>
+#include <chrono>
+#include <memory>
+#include <optional>
+#include <vector>
+
+namespace Halvex::Fetch {
+
+struct Options;
+
+/// One run: fetches the files of a catalogue and reports on them. Used once, by one thread.
+class Session {
+public:
+    /// Borrows all, which must outlive this. Needs a QCoreApplication.
+    Session(const Options& options, const Catalogue& catalogue, Signals& signals,
+            std::vector<IReport*> reports);
+    ~Session();
+
+    Session(const Session&) = delete;
+    Session& operator=(const Session&) = delete;
+
+    /// Returns when every file is available or given up, or soon after a signal. Answers the exit
+    /// status. When a transfer cannot be brought to its end after a signal, it does not return but
+    /// ends the program, with everything reported and cleaned up.
+    int Run();
+
+private:
+    /// What is kept of a bundle.
+    struct Bundle {
+        App::IRemoteResource* group = nullptr;
+        std::size_t filesDone = 0;
+        /// The known sizes of the files that are not done.
+        std::uint64_t bytesToGo = 0;
+        bool allSizesKnown = true;
+    };
+
+    App::IRemoteResourceScheduler& SchedulerOf(std::size_t bundle) const;
+    void RegisterFiles();
+    void ScheduleBundles();
+    void Work();
+    /// Returns at the end of the work or after a signal; true: after a signal.
+    bool WaitForEnd();
+    void Abort();
+    /// Whether the work has ended within that time.
+    bool EndsWithin(std::chrono::milliseconds limit);
+    void ReportAvailable();
+    void ReportFile(std::size_t file, const App::IRemoteResource::State& state, bool givenUp);
+    void ReportProgressIfDue();
+    void ReportProgress();
+    int Conclude(bool interrupted);
+    std::optional<std::chrono::milliseconds> TimeToProgress() const;
+
+    const Options& m_options;
+    const Catalogue& m_catalogue;
+    Signals& m_signals;
+    const std::vector<IReport*> m_reports;
+    const bool m_wantsProgress;
+    const std::chrono::steady_clock::time_point m_begin = std::chrono::steady_clock::now();
+    std::chrono::steady_clock::time_point m_lastProgress;
+
+    const Wakeup m_wakeup;
+    /// Written by the working thread at its end.
+    std::atomic<bool> m_workEnded{false};
+    FileObserver m_observer;
+    TransferMeter m_meter;
+    std::shared_ptr<Sha256Validator> m_validator;
+    App::ResourceDownloadManager m_manager;
+
+    /// By their numbers in the catalogue.
+    std::vector<App::IRemoteResource*> m_files;
+    std::vector<Bundle> m_bundles;
+    std::vector<bool> m_reported;
+    Summary m_summary;
+};
+
+} // namespace Halvex::Fetch

@@ -1,0 +1,148 @@
+// halvex-fetch: downloads the files of a manifest or at the addresses given.
+
+#include "BarReport.h"
+#include "Catalogue.h"
+#include "Console.h"
+#include "ExitStatus.h"
+#include "LineReports.h"
+#include "Log.h"
+#include "Manifest.h"
+#include "Options.h"
+#include "Session.h"
+#include "Signals.h"
+#include "UrlList.h"
+
+#include <QtCore/QCoreApplication>
+
+#include <exception>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <optional>
+#include <system_error>
+
+#include <unistd.h>
+
+namespace {
+
+using namespace Halvex::Fetch;
+
+constexpr const char* kStandardInput = "-";
+
+/// The whole of a file, or of standard input; nothing when it cannot be read.
+std::optional<std::string> ReadInput(const std::string& name) {
+    std::ifstream file;
+    if (name != kStandardInput)
+        file.open(name, std::ios::binary);
+    std::istream& stream = name == kStandardInput ? std::cin : file;
+    if (!stream)
+        return std::nullopt;
+    try {
+        return std::string(std::istreambuf_iterator<char>(stream), {});
+    } catch (const std::ios_base::failure&) {
+        // A folder can be opened; only reading it fails.
+        return std::nullopt;
+    }
+}
+
+PlanResult MakePlan(const Options& options) {
+    if (!options.urls.empty())
+        return PlanUrls(options.urls);
+    const bool isList = !options.list.empty();
+    const std::string& name = isList ? options.list : options.manifest;
+    const std::optional<std::string> text = ReadInput(name);
+    if (!text)
+        return {{}, {name + ": cannot be read"}};
+    if (isList)
+        return ReadUrlList(*text, name == kStandardInput ? "standard input" : name);
+    return ReadManifest(*text, name, !options.source);
+}
+
+/// Why the folder cannot be had; nothing when it can.
+std::vector<std::string> MakeOutputFolder(const std::string& folder) {
+    std::error_code error;
+    std::filesystem::create_directories(folder, error);
+    if (!error && !std::filesystem::is_directory(folder, error) && !error)
+        error = std::make_error_code(std::errc::not_a_directory);
+    if (!error)
+        return {};
+    return {folder + ": cannot be the output folder: " + error.message()};
+}
+
+using Progress = Options::Progress;
+
+/// Where progress is shown: beside the events or an output that is no terminal, on standard error.
+std::FILE* ProgressStream(const Options& options) {
+    const bool elsewhere =
+        options.json || (options.progress == Progress::Bar && ::isatty(STDOUT_FILENO) == 0);
+    return elsewhere ? stderr : stdout;
+}
+
+std::unique_ptr<IReport> MakeProgressReport(const Options& options, std::size_t files,
+                                            Console& console) {
+    std::FILE* stream = ProgressStream(options);
+    Progress progress = options.progress;
+    if (progress == Progress::Auto)
+        progress = options.json                   ? Progress::None
+                   : ::isatty(STDOUT_FILENO) != 0 ? Progress::Bar
+                                                  : Progress::Plain;
+    switch (progress) {
+    case Progress::Bar:
+        return std::make_unique<BarReport>(console, stream);
+    case Progress::Plain:
+        return std::make_unique<PlainReport>(stream, files);
+    case Progress::Auto:
+    case Progress::None:
+        break;
+    }
+    return nullptr;
+}
+
+int Fetch(const Options& options, const Plan& plan) {
+    // Before the first thread: all threads inherit that signals do not interrupt them.
+    Signals signals;
+    int argc = 1;
+    char name[] = "halvex-fetch";
+    char* argv[] = {name, nullptr};
+    const QCoreApplication application(argc, argv);
+    Console console(ProgressStream(options));
+    const Log log(options.logLevel, options.trace, console);
+
+    const Catalogue catalogue(plan, options);
+    catalogue.MakeFolders();
+    FailureReport failures(console);
+    JsonReport events;
+    const auto progress = MakeProgressReport(options, catalogue.Files().size(), console);
+    std::vector<IReport*> reports{&failures};
+    if (progress)
+        reports.push_back(progress.get());
+    if (options.json)
+        reports.push_back(&events);
+    return Session(options, catalogue, signals, reports).Run();
+}
+
+int Run(int argc, char** argv) {
+    ExitOnSignals();
+    const auto parsed = ParseOptions(argc, argv, std::cout, std::cerr);
+    if (const int* status = std::get_if<int>(&parsed))
+        return *status;
+    const Options& options = std::get<Options>(parsed);
+    PlanResult result = MakePlan(options);
+    if (result.refusals.empty())
+        result.refusals = MakeOutputFolder(options.output);
+    for (const std::string& refusal : result.refusals)
+        std::cerr << refusal << '\n';
+    return result.refusals.empty() ? Fetch(options, result.plan) : BadInput;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    try {
+        return Run(argc, argv);
+    } catch (const std::exception& exception) {
+        std::cerr << "halvex-fetch: " << exception.what() << '\n';
+        return SomeGivenUp;
+    }
+}
