@@ -1,0 +1,9 @@
+halvex_test(HalvexManagerTests MAIN QtTestMain LABEL unit SOURCES
+  DownloadRetrierStubTest.cpp
+  DownloadRetrierTest.cpp
+  OptimalThreadCountTest.cpp
+  PostProcessorStubTest.cpp
+  RemoteResourceEventHandlerCallbackTest.cpp
+  ResourceDownloadManagerTest.cpp
+  TaskQueueWatcherTest.cpp
+  ValidatorStubTest.cpp)

@@ -1,0 +1,72 @@
+"""Runs one example against a web server on loopback and checks what it prints and leaves behind.
+
+run_example.py NAME PROGRAM
+"""
+import functools
+import http.server
+import os
+import pathlib
+import subprocess
+import sys
+import tempfile
+import threading
+
+FILES = {"hello.txt": b"Hello!\n", "b.bin": bytes(range(256)) * 1024}
+AVAILABLE = "Status: Available, err:NoError =100%"
+
+
+def run(program, arguments, folder):
+    result = subprocess.run([program, *arguments], cwd=folder, timeout=100, capture_output=True,
+                            text=True)
+    print(result.stdout, result.stderr, sep="")
+    return result.returncode, result.stdout.splitlines()
+
+
+def check(claim, holds):
+    if not holds:
+        sys.exit(f"FAILED: {claim}")
+
+
+def check_files(folder, names):
+    check(f"{names} and nothing else are there", sorted(os.listdir(folder)) == sorted(names))
+    for name in names:
+        check(f"{name} is whole", (folder / name).read_bytes() == FILES[name])
+
+
+def quickstart(program, url, folder):
+    code, lines = run(program, [url], folder)
+    check("it ends with the file available", code == 0 and lines[-1] == AVAILABLE)
+    check("it begins with waiting", lines[0] == "Status: Waiting, err:NoError =0%")
+    check_files(folder, ["hello.txt"])
+    code, lines = run(program, [url + "missing/"], folder / "..")
+    check("a missing file is an error", code == 1 and lines[-1].startswith("Status: Error"))
+
+
+def qt_event_loop(program, url, folder):
+    code, lines = run(program, [url, "hello.txt", "b.bin"], folder)
+    check("it ends with both files available", code == 0 and lines[-1] == AVAILABLE)
+    check_files(folder, ["hello.txt", "b.bin"])
+
+
+def validator(program, url, folder):
+    code, lines = run(program, [url, "hello.txt", "7"], folder)
+    check("a file of the right size is accepted", code == 0 and lines == [AVAILABLE])
+    check_files(folder, ["hello.txt"])
+    code, lines = run(program, [url, "hello.txt", "8"], folder)
+    check("another size is rejected",
+          code == 1 and lines == ["Status: Error, err:Corrupted =0%"])
+
+
+name, program = sys.argv[1:]
+with tempfile.TemporaryDirectory() as scratch:
+    site = pathlib.Path(scratch, "site")
+    folder = pathlib.Path(scratch, "sub", "downloads")
+    site.mkdir()
+    folder.mkdir(parents=True)
+    for file, content in FILES.items():
+        (site / file).write_bytes(content)
+    handler = functools.partial(http.server.SimpleHTTPRequestHandler, directory=str(site))
+    with http.server.ThreadingHTTPServer(("127.0.0.1", 0), handler) as server:
+        threading.Thread(target=server.serve_forever, daemon=True).start()
+        globals()[name](program, f"http://127.0.0.1:{server.server_port}/", folder)
+        server.shutdown()

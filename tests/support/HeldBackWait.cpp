@@ -1,0 +1,73 @@
+#include "support/HeldBackWait.h"
+
+#include "support/Waiting.h"
+
+#include <atomic>
+#include <thread>
+
+#include <dlfcn.h>
+#include <pthread.h>
+
+namespace Halvex::Testing {
+
+namespace {
+
+enum class Phase { Off, Armed, Holding };
+
+std::atomic<Phase> phase{Phase::Off};
+std::atomic<std::size_t> broadcasts{0};
+
+void HoldBack() {
+    Phase expected = Phase::Armed;
+    if (!phase.compare_exchange_strong(expected, Phase::Holding))
+        return;
+    while (phase == Phase::Holding)
+        std::this_thread::yield();
+}
+
+template <typename Function>
+Function* Next(Function*, const char* name) {
+    return reinterpret_cast<Function*>(::dlsym(RTLD_NEXT, name));
+}
+
+} // namespace
+
+HeldBackWait::HeldBackWait() {
+    phase = Phase::Armed;
+}
+
+HeldBackWait::~HeldBackWait() {
+    Release();
+}
+
+bool HeldBackWait::WaitUntilHeldBack() const {
+    return WaitUntil([] { return phase == Phase::Holding; });
+}
+
+void HeldBackWait::Release() {
+    phase = Phase::Off;
+}
+
+std::size_t HeldBackWait::Broadcasts() {
+    return broadcasts;
+}
+
+} // namespace Halvex::Testing
+
+// These stand in front of the system's functions, or the sanitizer's, for the whole program.
+
+extern "C" __attribute__((visibility("default"))) int pthread_cond_wait(pthread_cond_t* condition,
+                                                                        pthread_mutex_t* mutex) {
+    static const auto next = Halvex::Testing::Next(&pthread_cond_wait, "pthread_cond_wait");
+    Halvex::Testing::HoldBack();
+    return next(condition, mutex);
+}
+
+extern "C" __attribute__((visibility("default"))) int
+pthread_cond_broadcast(pthread_cond_t* condition) noexcept {
+    static const auto next =
+        Halvex::Testing::Next(&pthread_cond_broadcast, "pthread_cond_broadcast");
+    const int result = next(condition);
+    ++Halvex::Testing::broadcasts;
+    return result;
+}

@@ -1,0 +1,179 @@
+#pragma once
+
+#include "Foundation/Mutex.h"
+#include "support/Waiting.h"
+
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <list>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+namespace Halvex::Testing {
+
+/// A part of a body that is computed, not stored: byte n depends on the seed and on n alone.
+std::string GeneratedBytes(std::uint64_t offset, std::size_t size, std::uint64_t seed = 1);
+
+/// What the server answers to one request. Made by one of the static functions, then varied:
+///
+///     Reply::Ok("body").Header("ETag", "\"1\"").CutAfter(2)
+///
+/// Positions count the bytes of the body before any chunk framing; of a Raw reply, all its bytes.
+/// The connection is kept for further requests when the client can tell where the reply ends, and
+/// closed otherwise.
+class Reply {
+public:
+    /// 200 and a body with its Content-Length.
+    static Reply Ok(std::string body);
+    /// A body of GeneratedBytes, never held whole.
+    static Reply Generated(std::uint64_t size, std::uint64_t seed = 1);
+    /// The body in gzip coding, which is somewhat longer than the body itself.
+    static Reply Gzip(const std::string& body);
+    static Reply Status(int status, std::string body = {});
+    static Reply Redirect(const std::string& location, int status = 302, std::string body = {});
+    /// These bytes and nothing else, neither status line nor headers; then the connection ends.
+    static Reply Raw(std::string bytes);
+    /// Nothing at all, until the client goes.
+    static Reply Silence();
+
+    /// Adds a header; one that is there already then appears twice.
+    Reply& Header(const std::string& name, const std::string& value) {
+        m_headers.emplace_back(name, value);
+        return *this;
+    }
+    /// Sends the body in chunks of this size, without Content-Length.
+    Reply& Chunked(std::size_t chunkBytes = 16 * 1024) { return Set(m_chunkBytes, chunkBytes); }
+    /// Leaves the Content-Length out: the body ends where the connection does.
+    Reply& WithoutLength() { return Set(m_sendLength, false); }
+    /// A Content-Length that need not be the truth. The connection ends after the body.
+    Reply& Announcing(std::uint64_t length) { return Set(m_announced, length); }
+    /// Ends the connection when so much has been sent, in an orderly way.
+    Reply& CutAfter(std::uint64_t bytes) { return Set(m_cutAfter, bytes); }
+    /// The same with a reset. The client may lose bytes that it has not read yet.
+    Reply& ResetAfter(std::uint64_t bytes) { return CutAfter(bytes).Set(m_reset, true); }
+    /// Sends so much, then nothing more until the event is set (it must outlive the server). It
+    /// ends early when the client or the server goes; without an event only so.
+    Reply& StallAt(std::uint64_t bytes) { return Set(m_stallAt, bytes); }
+    Reply& StallAt(std::uint64_t bytes, Event& release) {
+        return StallAt(bytes).Set(m_release, &release);
+    }
+    /// Sends pieces of this size with pauses between them.
+    Reply& Drip(std::size_t pieceBytes, std::chrono::milliseconds pause) {
+        return Set(m_pieceBytes, pieceBytes).Set(m_pause, pause);
+    }
+    /// Ends the connection after the reply, and says so in a header.
+    Reply& ThenClose() { return Header("Connection", "close").Set(m_close, true); }
+
+private:
+    friend class ScriptedHttpServer;
+
+    template <typename Member, typename Value>
+    Reply& Set(Member& member, Value value) {
+        member = value;
+        return *this;
+    }
+    std::string Head() const;
+    std::uint64_t BodySize() const;
+    std::string BodyPart(std::uint64_t offset, std::size_t size) const;
+    bool ClosesConnection() const;
+
+    int m_status = 200;
+    std::vector<std::pair<std::string, std::string>> m_headers;
+    std::string m_body;
+    /// Size and seed of a computed body; it stands in for m_body.
+    std::optional<std::pair<std::uint64_t, std::uint64_t>> m_generated;
+    bool m_raw = false;
+    /// 0: not in chunks.
+    std::size_t m_chunkBytes = 0;
+    bool m_sendLength = true;
+    std::optional<std::uint64_t> m_announced;
+    std::optional<std::uint64_t> m_cutAfter;
+    bool m_reset = false;
+    std::optional<std::uint64_t> m_stallAt;
+    Event* m_release = nullptr;
+    std::size_t m_pieceBytes = 64 * 1024;
+    std::chrono::milliseconds m_pause{0};
+    bool m_close = false;
+};
+
+/// An HTTP/1.1 server on the loopback interface that answers as scripted.
+///
+///     ScriptedHttpServer server;
+///     server.On("/a?b", {Reply::Status(503), Reply::Ok("body")});
+///     Fetch(server.Url("/a?b"));
+///
+/// Ready when constructed, at a port of its own. The destructor ends all connections, whatever
+/// state they are in, and joins all threads. Thread-safe.
+class ScriptedHttpServer {
+public:
+    /// A request as it arrived.
+    struct Request {
+        std::string method;
+        /// The path with its query.
+        std::string target;
+        std::vector<std::pair<std::string, std::string>> headers;
+        std::string body;
+        /// Counts the connections from 1, in the order in which they were accepted.
+        int connection = 0;
+
+        /// The value of the first header of this name, in any case; empty when there is none.
+        std::string Header(const std::string& name) const;
+    };
+
+    ScriptedHttpServer();
+    ~ScriptedHttpServer();
+
+    ScriptedHttpServer(const ScriptedHttpServer&) = delete;
+    ScriptedHttpServer& operator=(const ScriptedHttpServer&) = delete;
+
+    /// Answers requests for exactly this path, query included, with these replies one after the
+    /// other; the last one is repeated. Replaces what the path had before. Every other path is 404.
+    void On(const std::string& path, std::vector<Reply> replies);
+    void On(const std::string& path, Reply reply) {
+        On(path, std::vector<Reply>{std::move(reply)});
+    }
+
+    /// The full address of a path.
+    std::string Url(const std::string& path) const;
+    int Port() const { return m_port; }
+
+    /// All requests so far, in the order of their arrival.
+    std::vector<Request> Requests() const;
+    /// How many there were for this path.
+    std::size_t RequestCount(const std::string& path) const;
+    /// Waits until there were so many. False: there were not within the generous limit.
+    bool WaitForRequests(const std::string& path, std::size_t count = 1) const;
+    /// How many connections have been accepted.
+    int ConnectionCount() const;
+
+private:
+    class Connection;
+
+    void Accept();
+    void Serve(Connection& connection);
+    static std::optional<Request> Receive(Connection& connection);
+    Reply Answer(const Request& request);
+    static bool Send(Connection& connection, const Reply& reply);
+    std::size_t RequestCountLocked(const std::string& path) const REQUIRES(m_mutex);
+
+    int m_listener = -1;
+    int m_port = 0;
+    mutable Mutex m_mutex;
+    mutable std::condition_variable m_requested;
+    std::map<std::string, std::vector<Reply>> m_script GUARDED_BY(m_mutex);
+    std::map<std::string, std::size_t> m_answered GUARDED_BY(m_mutex);
+    std::vector<Request> m_requests GUARDED_BY(m_mutex);
+    int m_accepted GUARDED_BY(m_mutex) = 0;
+    /// Touched by the accepting thread, and by the destructor once that one has ended.
+    std::list<Connection> m_connections;
+    std::thread m_acceptor;
+};
+
+} // namespace Halvex::Testing

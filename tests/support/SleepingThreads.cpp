@@ -1,0 +1,50 @@
+#include "support/SleepingThreads.h"
+
+#include <fstream>
+#include <string>
+
+#include <sys/syscall.h>
+#include <unistd.h>
+
+namespace Halvex::Testing {
+
+namespace {
+
+/// How often a thread has gone to sleep so far, or an empty text if it does not sleep now.
+std::string SleepCount(pid_t thread) {
+    std::ifstream status("/proc/self/task/" + std::to_string(thread) + "/status");
+    const std::string kSleeping = "State:\tS";
+    const std::string kCount = "voluntary_ctxt_switches:";
+    bool sleeps = false;
+    for (std::string line; std::getline(status, line);) {
+        if (line.compare(0, kSleeping.size(), kSleeping) == 0)
+            sleeps = true;
+        if (sleeps && line.compare(0, kCount.size(), kCount) == 0)
+            return line;
+    }
+    return "";
+}
+
+} // namespace
+
+pid_t ThisThread() {
+    return static_cast<pid_t>(::syscall(SYS_gettid));
+}
+
+bool AllSleep(const std::vector<pid_t>& threads) {
+    std::vector<std::string> counts;
+    for (const pid_t thread : threads) {
+        counts.push_back(SleepCount(thread));
+        if (counts.back().empty())
+            return false;
+    }
+    // A thread that is still in the same sleep the second time has slept all through the moment
+    // between the two rounds.
+    for (std::size_t i = 0; i < threads.size(); ++i) {
+        if (SleepCount(threads[i]) != counts[i])
+            return false;
+    }
+    return true;
+}
+
+} // namespace Halvex::Testing

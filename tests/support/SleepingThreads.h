@@ -1,0 +1,18 @@
+#pragma once
+
+#include <vector>
+
+#include <sys/types.h>
+
+namespace Halvex::Testing {
+
+/// The calling thread, as the kernel names it.
+pid_t ThisThread();
+
+/// Whether there was a moment at which all of these threads of this process slept, waiting for
+/// something that others do. When they include all who take a lock, none of them was holding it
+/// then: who holds a lock for a moment does not sleep. So a worker that is seen asleep after it has
+/// found its queue empty is parked, not on its way there.
+bool AllSleep(const std::vector<pid_t>& threads);
+
+} // namespace Halvex::Testing

@@ -1,0 +1,59 @@
+#pragma once
+
+#include "Foundation/Mutex.h"
+
+#include <cstddef>
+#include <deque>
+#include <exception>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace Halvex::Testing {
+
+/// The system calls that the library makes on files while it lives, in order, and the place to put
+/// faults into them. Covers open, read, write, close, fdatasync, rename, unlink and nanosleep in
+/// programs that link HalvexTestSystemCalls.
+///
+/// Thread-safe. One at a time.
+class SystemCalls {
+public:
+    SystemCalls();
+    ~SystemCalls();
+
+    SystemCalls(const SystemCalls&) = delete;
+    SystemCalls& operator=(const SystemCalls&) = delete;
+
+    /// The calls made, each with the names of its files, without their folders: "open a",
+    /// "write a 5" (the bytes asked for), "rename a -> b".
+    std::vector<std::string> Made() const;
+
+    /// What becomes of the calls of one name, each of these for one more call, in order. Later ones
+    /// are made as usual.
+    void Pass(const std::string& name);
+    /// It fails with the error number without being made; close closes all the same.
+    void Fail(const std::string& name, int error);
+    /// It reads or writes so many bytes only.
+    void Shorten(const std::string& name, std::size_t bytes);
+    /// It throws. For calls that may: open, read, write, close.
+    void Throw(const std::string& name, std::exception_ptr exception);
+
+    /// What a call is told to do; for the functions that stand in for the system's.
+    struct Fault {
+        enum class Kind { None, Error, Short, Exception };
+        Kind kind = Kind::None;
+        int error = 0;
+        std::size_t bytes = 0;
+        std::exception_ptr exception;
+    };
+    Fault Record(const std::string& name, const std::string& files);
+
+private:
+    void Add(const std::string& name, Fault fault);
+
+    mutable Mutex m_mutex;
+    std::vector<std::string> m_made GUARDED_BY(m_mutex);
+    std::map<std::string, std::deque<Fault>> m_faults GUARDED_BY(m_mutex);
+};
+
+} // namespace Halvex::Testing

@@ -1,0 +1,52 @@
+#pragma once
+
+#include "support/TemporaryFolder.h"
+
+#include <chrono>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <sys/resource.h>
+#include <sys/types.h>
+
+namespace Halvex::Testing {
+
+/// halvex-fetch as a child process. One thread at a time, caller synchronises. It is killed when
+/// this is destroyed, or when the test program dies.
+class FetchProcess {
+public:
+    struct Setup {
+        std::vector<std::string> arguments;
+        /// What it reads from standard input.
+        std::string input;
+        /// How many files it may have open at a time; 0: as many as the test.
+        rlim_t openFiles = 0;
+        /// Where both outputs go instead of to files; it is closed in this process.
+        std::optional<int> terminal;
+    };
+
+    struct Result {
+        /// The exit status; negative: ended by that signal; nothing: did not end.
+        std::optional<int> status;
+        std::string out;
+        std::string err;
+        std::chrono::steady_clock::duration time{};
+    };
+
+    explicit FetchProcess(const Setup& setup);
+    ~FetchProcess();
+
+    FetchProcess(const FetchProcess&) = delete;
+    FetchProcess& operator=(const FetchProcess&) = delete;
+
+    void Signal(int signal) const;
+    /// Waits for its end, at most for a generous time. The time in the result is that of this call.
+    Result Wait();
+
+private:
+    TemporaryFolder m_folder;
+    pid_t m_process = -1;
+};
+
+} // namespace Halvex::Testing
