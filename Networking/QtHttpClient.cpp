@@ -4,11 +4,13 @@
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QEventLoop>
+#include <QtCore/QList>
 #include <QtCore/QTimer>
 #include <QtCore/QUrl>
 #include <QtNetwork/QNetworkAccessManager>
 #include <QtNetwork/QNetworkReply>
 #include <QtNetwork/QNetworkRequest>
+#include <QtNetwork/QSslError>
 
 #include <algorithm>
 #include <chrono>
@@ -157,6 +159,9 @@ Response QtHttpClient::get(const Request& request, const Options& options) {
                    << " needs a QCoreApplication, and there is none";
         return {};
     }
+    // Before several threads make Qt do it at once, which it then complains of.
+    static const int sslErrorsType = qRegisterMetaType<QList<QSslError>>();
+    Q_UNUSED(sslErrorsType)
     const QUrl url(QString::fromStdString(request.url.toString()), QUrl::TolerantMode);
     return Transfer(options).Run(QNetworkRequest(url));
 }

@@ -2,6 +2,7 @@
 
 #include "ResourceDownloadManager/ITaskQueue.h"
 
+#include <algorithm>
 #include <chrono>
 
 namespace Halvex::App {
@@ -10,12 +11,13 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-/// Now and that many seconds, or the end of time.
+/// Now and that many seconds, or the end of time. Not before now.
 Clock::time_point DeadlineIn(std::int64_t seconds) {
     const Clock::time_point now = Clock::now();
     const std::int64_t room =
         std::chrono::duration_cast<std::chrono::seconds>(Clock::time_point::max() - now).count();
-    return seconds > room ? Clock::time_point::max() : now + std::chrono::seconds(seconds);
+    return seconds > room ? Clock::time_point::max()
+                          : now + std::chrono::seconds(std::max<std::int64_t>(seconds, 0));
 }
 
 } // namespace

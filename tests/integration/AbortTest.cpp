@@ -135,16 +135,11 @@ std::set<pid_t> Threads() {
     return threads;
 }
 
-std::set<pid_t> ThreadsSince(const std::set<pid_t>& before) {
+std::vector<pid_t> ThreadsSince(const std::set<pid_t>& before) {
     std::set<pid_t> threads = Threads();
     for (const pid_t thread : before)
         threads.erase(thread);
-    return threads;
-}
-
-/// Waits until a thread waits for something that others do. False: it does not within the limit.
-bool FallsAsleep(pid_t thread) {
-    return WaitUntil([thread] { return AllSleep({thread}); });
+    return {threads.begin(), threads.end()};
 }
 
 /// An application whose downloads end as the fake downloader says.
