@@ -8,6 +8,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace Halvex::App {
@@ -67,6 +68,7 @@ struct HALVEX_HIDDEN ParallelExecutor::Impl : ITaskQueueEventHandler {
                 ++started;
             }
         } catch (...) {
+            leftoverQueue = &queue;
             // Those that run must not wait for the others to go idle.
             const MutexLock lock(stateMutex);
             activeWorkers -= workers.size() - started;
@@ -84,6 +86,8 @@ struct HALVEX_HIDDEN ParallelExecutor::Impl : ITaskQueueEventHandler {
             stateChanged.notify_all();
         }
         JoinWorkersLocked();
+        if (leftoverQueue != nullptr)
+            std::exchange(leftoverQueue, nullptr)->UnregisterEventHandler(this);
     }
 
     void JoinWorkersLocked() REQUIRES(execMutex) {
@@ -125,6 +129,8 @@ struct HALVEX_HIDDEN ParallelExecutor::Impl : ITaskQueueEventHandler {
     /// The workers that are not parked.
     std::size_t activeWorkers GUARDED_BY(stateMutex) = 0;
     std::vector<std::thread> workers GUARDED_BY(execMutex);
+    /// What the workers of a call that could not start them all still drain; null: there are none.
+    ITaskQueue* leftoverQueue GUARDED_BY(execMutex) = nullptr;
     /// Held for the whole of a call of ExecQueue. Outside the queue's lock and stateMutex.
     Mutex execMutex;
     /// Written by Abort without a lock, so that it never waits to say so; never reset.

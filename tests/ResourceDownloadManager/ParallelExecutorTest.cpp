@@ -750,6 +750,14 @@ TEST_F(ParallelExecutorHalfStartedTest, ItsEndWaitsForTheStartedThreads) {
     EXPECT_EQ(m_runs, 0);
 }
 
+// A queue that announces tasks later must not find an executor that is gone.
+TEST_F(ParallelExecutorHalfStartedTest, ItsEndUnregistersIt) {
+    StartHalf();
+    EXPECT_EQ(m_queue.Count("unregister"), 0U);
+    m_executor.reset();
+    EXPECT_EQ(m_queue.Log().back(), "unregister");
+}
+
 TEST_F(ParallelExecutorHalfStartedTest, ItsEndReachesAThreadThatIsAboutToWait) {
     WithAThreadAboutToWait([this] { m_executor.reset(); });
     EXPECT_EQ(m_queue.Count("end"), 2U);

@@ -22,7 +22,6 @@
 #include <atomic>
 #include <chrono>
 #include <deque>
-#include <filesystem>
 #include <iterator>
 #include <memory>
 #include <optional>
@@ -53,6 +52,7 @@ using Testing::FakeScriptedDownloader;
 using testing::NiceMock;
 using testing::Return;
 using Testing::ThisThread;
+using Testing::ThreadsOfThisProcess;
 using Testing::WaitUntil;
 
 constexpr ISchedulableResource::SchedulePriority kNormal =
@@ -98,13 +98,6 @@ Params WithQtTaskQueue() {
     Params params;
     params.useQtTaskQueue = true;
     return params;
-}
-
-std::set<pid_t> ThreadsOfThisProcess() {
-    std::set<pid_t> threads;
-    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task"))
-        threads.insert(std::stoi(entry.path().filename().string()));
-    return threads;
 }
 
 std::size_t CountNewThreads(const std::set<pid_t>& before) {

@@ -7,7 +7,6 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
-#include <filesystem>
 #include <iterator>
 #include <memory>
 #include <set>
@@ -30,6 +29,7 @@ using Testing::LogCapture;
 using Testing::Outcome;
 using Testing::Reply;
 using Testing::ScriptedHttpServer;
+using Testing::ThreadsOfThisProcess;
 using Testing::WaitForOutcome;
 using Testing::WaitForProgress;
 using Testing::WaitUntil;
@@ -127,16 +127,8 @@ TEST(AbortDuringTransfers, LeavesWhatIsQueuedUndone) {
 
 namespace {
 
-/// The threads of this process.
-std::set<pid_t> Threads() {
-    std::set<pid_t> threads;
-    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task"))
-        threads.insert(std::stoi(entry.path().filename().string()));
-    return threads;
-}
-
 std::vector<pid_t> ThreadsSince(const std::set<pid_t>& before) {
-    std::set<pid_t> threads = Threads();
+    std::set<pid_t> threads = ThreadsOfThisProcess();
     for (const pid_t thread : before)
         threads.erase(thread);
     return {threads.begin(), threads.end()};
@@ -186,7 +178,7 @@ TEST_F(AbortWithoutServer, IsPromptWhileWorkersAreParked) {
         return Status::Cancelled;
     });
     Application application(Parallel(4), Fakes());
-    const std::set<pid_t> before = Threads();
+    const std::set<pid_t> before = ThreadsOfThisProcess();
     IRemoteResource* bundle = application.Schedule({&application.AddFile("", "blocks")});
     application.manager.StartEventLoopThread();
     ASSERT_TRUE(downloader->WaitForDownloads(1));

@@ -1,7 +1,9 @@
 #include "support/SleepingThreads.h"
 
+#include <filesystem>
 #include <fstream>
 #include <string>
+#include <thread>
 
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -29,6 +31,15 @@ std::string SleepCount(pid_t thread) {
 
 pid_t ThisThread() {
     return static_cast<pid_t>(::syscall(SYS_gettid));
+}
+
+std::set<pid_t> ThreadsOfThisProcess() {
+    // Makes the sanitizer's own thread start now, not with the first thread that is to be counted.
+    std::thread([] {}).join();
+    std::set<pid_t> threads;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task"))
+        threads.insert(std::stoi(entry.path().filename().string()));
+    return threads;
 }
 
 bool AllSleep(const std::vector<pid_t>& threads) {

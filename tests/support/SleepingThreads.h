@@ -1,5 +1,6 @@
 #pragma once
 
+#include <set>
 #include <vector>
 
 #include <sys/types.h>
@@ -8,6 +9,9 @@ namespace Halvex::Testing {
 
 /// The calling thread, as the kernel names it.
 pid_t ThisThread();
+
+/// The threads of this process, those included that a sanitizer adds with the first thread started.
+std::set<pid_t> ThreadsOfThisProcess();
 
 /// Whether there was a moment at which all of these threads of this process slept, waiting for
 /// something that others do. When they include all who take a lock, none of them was holding it

@@ -45,6 +45,7 @@ template <typename Value>
 void AddChoice(CLI::App& app, const std::string& name, Value& target,
                const std::map<std::string, Value>& words, const std::string& description) {
     std::vector<std::string> names;
+    names.reserve(words.size());
     for (const auto& entry : words)
         names.push_back(entry.first);
     app.add_option_function<std::string>(

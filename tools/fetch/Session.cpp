@@ -39,7 +39,7 @@ std::uint64_t SizeOf(const App::ioPath& path) {
 
 Session::Session(const Options& options, const Catalogue& catalogue, Signals& signals,
                  std::vector<IReport*> reports)
-    : m_options(options), m_catalogue(catalogue), m_signals(signals), m_reports(std::move(reports)),
+    : m_catalogue(catalogue), m_signals(signals), m_reports(std::move(reports)),
       m_wantsProgress(std::any_of(m_reports.begin(), m_reports.end(),
                                   [](const IReport* report) { return report->WantsProgress(); })),
       m_observer(catalogue.Files().size(), m_wakeup), m_meter(catalogue.Bundles().size()),

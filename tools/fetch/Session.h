@@ -62,7 +62,6 @@ private:
     int Conclude(bool interrupted);
     std::optional<std::chrono::milliseconds> TimeToProgress() const;
 
-    const Options& m_options;
     const Catalogue& m_catalogue;
     Signals& m_signals;
     const std::vector<IReport*> m_reports;

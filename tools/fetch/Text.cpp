@@ -3,11 +3,10 @@
 #include <nlohmann/json.hpp>
 
 #include <array>
+#include <cwchar>
 #include <iomanip>
 #include <locale>
 #include <sstream>
-
-#include <wchar.h>
 
 namespace Halvex::Fetch {
 
