@@ -11,6 +11,7 @@
 #include <glog/logging.h>
 
 #include <atomic>
+#include <functional>
 #include <string>
 #include <utility>
 
@@ -101,10 +102,9 @@ struct HALVEX_HIDDEN ResourceDownloaderHttp::Impl {
         return client ? client->get(request, options) : Networking::Response{};
     }
 
-    /// Logs how the request ended, moves a complete file, and says what became of it. The file is
-    /// null when the request was cancelled before there was one.
+    /// Logs how the request ended, has a complete file moved, and says what became of it.
     Status Conclude(const std::string& url, const Networking::Response& response,
-                    const TemporaryFile* file) const {
+                    const std::function<bool()>& moveToDest) const {
         const bool offline = IsOffline();
         const std::int32_t code = response.errorCode;
         const bool cancelled = code == kCancelled;
@@ -114,7 +114,7 @@ struct HALVEX_HIDDEN ResourceDownloaderHttp::Impl {
         if (cancelled && !network) {
             LOG(INFO) << "request=" << url << " was cancelled.";
         } else if (code == kOk) {
-            if (file->MoveToDest())
+            if (moveToDest())
                 status = Status::Ok;
         } else {
             LOG(ERROR) << "request=" << url << " failed with error=" << response.errorText
@@ -151,7 +151,7 @@ IResourceDownloader::Status ResourceDownloaderHttp::Exec(Task task) const {
     if (!claim) {
         Networking::Response response;
         response.errorCode = kCancelled;
-        return m_impl->Conclude(url, response, nullptr);
+        return m_impl->Conclude(url, response, [] { return false; });
     }
     const TemporaryFile file(descriptor.tempPath, descriptor.downloadPath);
     if (!file)
@@ -161,7 +161,7 @@ IResourceDownloader::Status ResourceDownloaderHttp::Exec(Task task) const {
         return Status::Failed;
     const Networking::Response response = m_impl->Fetch(url, local, *output);
     output.reset();
-    return m_impl->Conclude(url, response, &file);
+    return m_impl->Conclude(url, response, [&file] { return file.MoveToDest(); });
 }
 
 void ResourceDownloaderHttp::Abort() {

@@ -22,9 +22,7 @@ using Result = IDownloadRetrier::Result;
 using State = IDownloadRetrier::ConnectionState;
 using SchedulePriority = ISchedulableResource::SchedulePriority;
 using Testing::BackgroundCall;
-using testing::Each;
 using testing::ElementsAre;
-using testing::ElementsAreArray;
 using testing::SizeIs;
 
 class FakeResource : public ISchedulableResource {

@@ -43,7 +43,6 @@ using Params = ResourceDownloadManager::Params;
 using Dependencies = ResourceDownloadManager::Dependencies;
 using Task = IResourceDownloader::Task;
 using Clock = std::chrono::steady_clock;
-using testing::_;
 using Testing::AllSleep;
 using Testing::BackgroundCall;
 using testing::ElementsAre;
