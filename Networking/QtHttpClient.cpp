@@ -137,8 +137,20 @@ private:
     /// Now and then Qt 5 reports no error for a body that ended short of its Content-Length. It
     /// takes that header away when it has decoded the body, whose length then differs.
     bool IsShort(const QNetworkReply& reply) const {
-        const QVariant announced = reply.header(QNetworkRequest::ContentLengthHeader);
-        return announced.isValid() && m_received < announced.toLongLong();
+        bool isNumber = false;
+        const qint64 announced = AnnouncedLength(reply).trimmed().toLongLong(&isNumber);
+        return isNumber && m_received < announced;
+    }
+
+    /// Now and then Qt 5 adds the headers of a redirect's target to those of the redirect itself,
+    /// joining two values by a comma: then the target's length is the last of two, or missing.
+    static QByteArray AnnouncedLength(const QNetworkReply& reply) {
+        const QByteArray lengths = reply.rawHeader("Content-Length");
+        const bool isMixed = reply.url() != reply.request().url() && reply.hasRawHeader("Location");
+        if (!isMixed)
+            return lengths;
+        const int comma = lengths.lastIndexOf(',');
+        return comma < 0 ? QByteArray() : lengths.mid(comma + 1);
     }
 
     const Options& m_options;
