@@ -418,14 +418,18 @@ constexpr const char* kPrivateKey =
     "aPZ2KPTYNOCECGIKKDGlACnE+ogW0H1tPP3IY0u5nTWYzqRnTbRGmGR5\n"
     "-----END PRIVATE KEY-----\n";
 
-/// An https server for 127.0.0.1, by the certificate above, that answers one request with the bytes
-/// given. The destructor waits for it.
+/// An https server for 127.0.0.1, by the certificate above, that answers every request with the
+/// bytes given. It leaves closing to the client: Qt takes a close that comes with the answer, now
+/// and then, for a lost connection, and asks again.
 class OneReplyOverTls {
 public:
     explicit OneReplyOverTls(const std::string& reply) : m_thread([this, reply] { Serve(reply); }) {
         m_listening.Wait();
     }
-    ~OneReplyOverTls() { m_thread.join(); }
+    ~OneReplyOverTls() {
+        m_end();
+        m_thread.join();
+    }
 
     OneReplyOverTls(const OneReplyOverTls&) = delete;
     OneReplyOverTls& operator=(const OneReplyOverTls&) = delete;
@@ -436,36 +440,42 @@ public:
 
 private:
     struct Listener : QTcpServer {
+        explicit Listener(const std::string& answer) : reply(answer) {}
+
         void incomingConnection(qintptr handle) override {
-            socket.setSocketDescriptor(handle);
-            socket.setLocalCertificate(QSslCertificate(QByteArray(kCertificate)));
-            socket.setPrivateKey(QSslKey(QByteArray(kPrivateKey), QSsl::Ec));
-            socket.startServerEncryption();
+            auto* socket = new QSslSocket(this);
+            socket->setSocketDescriptor(handle);
+            socket->setLocalCertificate(QSslCertificate(QByteArray(kCertificate)));
+            socket->setPrivateKey(QSslKey(QByteArray(kPrivateKey), QSsl::Ec));
+            QObject::connect(socket, &QSslSocket::readyRead, this,
+                             [this, socket, request = QByteArray()]() mutable {
+                                 request += socket->readAll();
+                                 if (!request.endsWith("\r\n\r\n"))
+                                     return;
+                                 request.clear();
+                                 socket->write(reply.data(), static_cast<qint64>(reply.size()));
+                             });
+            socket->startServerEncryption();
         }
-        QSslSocket socket;
+
+        const std::string& reply;
     };
 
     void Serve(const std::string& reply) {
         QEventLoop loop;
-        Listener listener;
-        QByteArray request;
-        QObject::connect(&listener.socket, &QSslSocket::readyRead, &loop, [&] {
-            request += listener.socket.readAll();
-            if (request.endsWith("\r\n\r\n")) {
-                listener.socket.write(reply.data(), static_cast<qint64>(reply.size()));
-                listener.socket.disconnectFromHost();
-            }
-        });
-        QObject::connect(&listener.socket, &QSslSocket::disconnected, &loop, &QEventLoop::quit);
-        QTimer::singleShot(Testing::kGenerousLimit, &loop, &QEventLoop::quit);
+        Listener listener(reply);
         listener.listen(QHostAddress::LocalHost);
         m_port = listener.serverPort();
+        m_end = [&loop] {
+            QMetaObject::invokeMethod(&loop, "quit", Qt::QueuedConnection);
+        };
         m_listening.Set();
         loop.exec();
     }
 
     Event m_listening;
     quint16 m_port = 0;
+    std::function<void()> m_end; ///< Ends the loop, from any thread.
     std::thread m_thread;
 };
 
