@@ -5,14 +5,17 @@
 #include <QtCore/QCoreApplication>
 #include <QtCore/QEventLoop>
 #include <QtCore/QList>
+#include <QtCore/QSharedPointer>
 #include <QtCore/QTimer>
 #include <QtCore/QUrl>
 #include <QtNetwork/QNetworkAccessManager>
 #include <QtNetwork/QNetworkReply>
 #include <QtNetwork/QNetworkRequest>
+#include <QtNetwork/QNetworkSession>
 #include <QtNetwork/QSslError>
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <exception>
 #include <limits>
@@ -161,6 +164,16 @@ private:
     std::exception_ptr m_exception;
 };
 
+/// Before several threads make Qt do it at once, which it then complains of.
+void RegisterMetaTypesOnce() {
+    QT_WARNING_PUSH
+    QT_WARNING_DISABLE_DEPRECATED
+    static const std::array types{qRegisterMetaType<QList<QSslError>>(),
+                                  qRegisterMetaType<QSharedPointer<QNetworkSession>>()};
+    QT_WARNING_POP
+    Q_UNUSED(types)
+}
+
 } // namespace
 
 Response QtHttpClient::get(const Request& request, const Options& options) {
@@ -171,9 +184,7 @@ Response QtHttpClient::get(const Request& request, const Options& options) {
                    << " needs a QCoreApplication, and there is none";
         return {};
     }
-    // Before several threads make Qt do it at once, which it then complains of.
-    static const int sslErrorsType = qRegisterMetaType<QList<QSslError>>();
-    Q_UNUSED(sslErrorsType)
+    RegisterMetaTypesOnce();
     const QUrl url(QString::fromStdString(request.url.toString()), QUrl::TolerantMode);
     return Transfer(options).Run(QNetworkRequest(url));
 }

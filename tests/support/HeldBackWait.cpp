@@ -1,11 +1,11 @@
 #include "support/HeldBackWait.h"
 
+#include "support/NextFunction.h"
 #include "support/Waiting.h"
 
 #include <atomic>
 #include <thread>
 
-#include <dlfcn.h>
 #include <pthread.h>
 
 namespace Halvex::Testing {
@@ -23,11 +23,6 @@ void HoldBack() {
         return;
     while (phase == Phase::Holding)
         std::this_thread::yield();
-}
-
-template <typename Function>
-Function* Next(Function*, const char* name) {
-    return reinterpret_cast<Function*>(::dlsym(RTLD_NEXT, name));
 }
 
 } // namespace
@@ -58,7 +53,7 @@ std::size_t HeldBackWait::Broadcasts() {
 
 extern "C" __attribute__((visibility("default"))) int pthread_cond_wait(pthread_cond_t* condition,
                                                                         pthread_mutex_t* mutex) {
-    static const auto next = Halvex::Testing::Next(&pthread_cond_wait, "pthread_cond_wait");
+    static const auto next = Halvex::Testing::NextFunction(&pthread_cond_wait, "pthread_cond_wait");
     Halvex::Testing::HoldBack();
     return next(condition, mutex);
 }
@@ -66,7 +61,7 @@ extern "C" __attribute__((visibility("default"))) int pthread_cond_wait(pthread_
 extern "C" __attribute__((visibility("default"))) int
 pthread_cond_broadcast(pthread_cond_t* condition) noexcept {
     static const auto next =
-        Halvex::Testing::Next(&pthread_cond_broadcast, "pthread_cond_broadcast");
+        Halvex::Testing::NextFunction(&pthread_cond_broadcast, "pthread_cond_broadcast");
     const int result = next(condition);
     ++Halvex::Testing::broadcasts;
     return result;

@@ -1,10 +1,11 @@
 #include "support/ThreadStarts.h"
 
+#include "support/NextFunction.h"
+
 #include <atomic>
 #include <cerrno>
 #include <limits>
 
-#include <dlfcn.h>
 #include <pthread.h>
 
 namespace Halvex::Testing {
@@ -38,7 +39,6 @@ LimitedThreadStarts::~LimitedThreadStarts() {
 extern "C" __attribute__((visibility("default"))) int
 pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*routine)(void*),
                void* argument) noexcept {
-    static const auto next =
-        reinterpret_cast<decltype(&pthread_create)>(::dlsym(RTLD_NEXT, "pthread_create"));
+    static const auto next = Halvex::Testing::NextFunction(&pthread_create, "pthread_create");
     return Halvex::Testing::MayStart() ? next(thread, attributes, routine, argument) : EAGAIN;
 }
