@@ -7,6 +7,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstdint>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -20,6 +21,7 @@ struct HALVEX_HIDDEN ParallelExecutor::Impl : ITaskQueueEventHandler {
         if (event != QueueEvent::QueueNotEmpty)
             return;
         const MutexLock lock(stateMutex);
+        ++announcements;
         tasksAvailable = true;
         stateChanged.notify_all();
     }
@@ -99,17 +101,21 @@ struct HALVEX_HIDDEN ParallelExecutor::Impl : ITaskQueueEventHandler {
 
     void Work(ITaskQueue& queue) noexcept {
         while (!aborted) {
+            const std::uint64_t announcementsSeen = announcements;
             if (queue.ExecOne())
                 executedAny.store(Result::TasksExecuted, std::memory_order_relaxed);
-            else if (!WaitForTasks())
+            else if (!WaitForTasks(announcementsSeen))
                 return;
         }
     }
 
-    /// Parks a worker that has found the queue empty. True: there are tasks again; false: all
-    /// workers are idle, or the executor is aborted.
-    bool WaitForTasks() EXCLUDES(stateMutex) {
+    /// Parks a worker that has found the queue empty, unless tasks have been announced since it
+    /// looked. True: there are tasks again; false: all workers are idle, or the executor is
+    /// aborted.
+    bool WaitForTasks(std::uint64_t announcementsSeen) EXCLUDES(stateMutex) {
         MutexLock lock(stateMutex);
+        if (announcements != announcementsSeen)
+            return true;
         --activeWorkers;
         tasksAvailable = false;
         stateChanged.notify_all();
@@ -124,6 +130,9 @@ struct HALVEX_HIDDEN ParallelExecutor::Impl : ITaskQueueEventHandler {
     /// Set when the queue announces tasks, cleared by a worker that finds it empty. Not reset
     /// between calls.
     bool tasksAvailable GUARDED_BY(stateMutex) = false;
+    /// Written under stateMutex. A worker reads it before it looks into the queue, so that it does
+    /// not park on a task that came between its look and its wait.
+    std::atomic<std::uint64_t> announcements{0};
     Mutex stateMutex;
     std::condition_variable stateChanged;
     /// The workers that are not parked.

@@ -52,8 +52,6 @@ protected:
     /// A task that feeds the other workers one task at a time, so that they park and resume all the
     /// time, until the end is near.
     struct Feeding {
-        static constexpr std::chrono::milliseconds kMissed{100};
-
         std::atomic<int> eaten{0};
         std::atomic<bool> ending{false};
 
@@ -64,10 +62,7 @@ protected:
         void Feed(TaskQueue& queue) {
             for (int fed = 1; !ending; ++fed) {
                 queue.AddTask([this] { ++eaten; }, ITaskQueue::Middle);
-                // Workers that are parking at this very moment miss the announcement: then this one
-                // ends, and its worker takes the task.
-                if (!WaitUntil([&] { return eaten == fed || ending; }, kMissed))
-                    return;
+                EXPECT_TRUE(WaitUntil([&] { return eaten == fed || ending; }));
             }
         }
     };

@@ -44,6 +44,8 @@ public:
         BeginLook();
         const bool ran = m_queue.ExecOne();
         EndLook(ran);
+        if (!ran && m_afterNextEmptyLook)
+            std::exchange(m_afterNextEmptyLook, nullptr)();
         return ran;
     }
 
@@ -70,6 +72,12 @@ public:
         const MutexLock lock(m_adding);
         for (const Task& task : tasks)
             m_queue.AddTask(task, ITaskQueue::Middle);
+    }
+
+    /// What the thread does that is the next to find nothing, before it is told so. For queues that
+    /// one thread at a time finds empty.
+    void AfterNextEmptyLook(std::function<void()> action) {
+        m_afterNextEmptyLook = std::move(action);
     }
 
     void AnnounceOnRegistration() { m_announcesOnRegistration = true; }
@@ -158,6 +166,7 @@ private:
 
     TaskQueue m_queue;
     Mutex m_adding;
+    std::function<void()> m_afterNextEmptyLook;
     std::atomic<bool> m_announcesOnRegistration{false};
     std::atomic<ITaskQueueEventHandler*> m_handler{nullptr};
     mutable Mutex m_mutex;
@@ -382,6 +391,24 @@ TEST_F(ParallelExecutorTest, AParkedWorkerResumesForATaskOfAnotherThread) {
     EXPECT_TRUE(ran.Wait());
     EXPECT_FALSE(m_blockingEnded);
     m_release.Set();
+}
+
+TEST_F(ParallelExecutorTest, AWorkerThatHasFoundNothingRunsATaskThatComesBeforeItParks) {
+    ParallelExecutor executor(2);
+    AddBlocking();
+    Event ran;
+    m_queue.AfterNextEmptyLook([&] { Add([&] { ran.Set(); }); });
+    Background call([&] { executor.ExecQueue(m_queue); });
+    EXPECT_TRUE(ran.Wait());
+    EXPECT_FALSE(m_blockingEnded);
+    m_release.Set();
+}
+
+TEST_F(ParallelExecutorTest, ACallRunsATaskThatComesBeforeItsLastWorkerParks) {
+    ParallelExecutor executor(1);
+    m_queue.AfterNextEmptyLook([this] { AddCounted(1); });
+    EXPECT_EQ(executor.ExecQueue(m_queue), Result::TasksExecuted);
+    EXPECT_EQ(m_runs, 1);
 }
 
 TEST_F(ParallelExecutorTest, ParkedWorkersStayForAsLongAsATaskRuns) {
