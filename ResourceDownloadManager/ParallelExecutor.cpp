@@ -63,7 +63,8 @@ struct HALVEX_HIDDEN ParallelExecutor::Impl : ITaskQueueEventHandler {
         std::size_t started = 0;
         try {
             for (std::thread& worker : workers) {
-                // A worker of an aborted executor would end at once: do not go to the cost of it.
+                // The workers of an aborted executor would end at once. A manager that is being
+                // aborted comes here once for each resource that waits to be retried.
                 if (aborted)
                     return;
                 worker = std::thread([this, &queue] { Work(queue); });
@@ -154,8 +155,7 @@ ParallelExecutor::ParallelExecutor(std::size_t threadCount)
     : m_impl(std::make_unique<Impl>(threadCount)) {}
 
 ParallelExecutor::~ParallelExecutor() {
-    m_impl->Abort();
-    m_impl->JoinLeftovers();
+    ParallelExecutor::Abort();
 }
 
 IExecutor::Result ParallelExecutor::ExecQueue(ITaskQueue& queue) {
@@ -164,6 +164,7 @@ IExecutor::Result ParallelExecutor::ExecQueue(ITaskQueue& queue) {
 
 void ParallelExecutor::Abort() {
     m_impl->Abort();
+    m_impl->JoinLeftovers();
 }
 
 } // namespace Halvex::App

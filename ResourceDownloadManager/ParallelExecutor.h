@@ -25,12 +25,13 @@ public:
     ParallelExecutor& operator=(const ParallelExecutor&) = delete;
 
     /// Throws std::system_error when a thread cannot be started. The threads that were started by
-    /// then drain the queue, which must live until they are joined: by the next call of ExecQueue,
-    /// or by the destructor.
+    /// then drain the queue, and the executor stays registered with it. Even if there are none, the
+    /// queue must live until the next call of ExecQueue or Abort, or the destructor, has joined
+    /// them and unregistered the executor.
     Result ExecQueue(ITaskQueue& queue) override;
 
-    /// Lets the tasks that run end, starts no other ones, and returns when a running ExecQueue has
-    /// ended. For good: every later ExecQueue runs nothing. May be called again.
+    /// Lets the tasks that run end, starts no other ones, and returns when a running ExecQueue and
+    /// all threads have ended. For good: every later ExecQueue runs nothing. May be called again.
     void Abort() override;
 
 private:

@@ -82,6 +82,13 @@ struct HALVEX_HIDDEN ResourceDownloadManager::Impl {
     std::atomic<std::thread::id> runningLoop{std::thread::id()};
     std::thread eventLoopThread;
 
+    ~Impl() {
+        // It may still have to do with the queues, after a call that could not start all threads.
+        // Under a loop that was never joined it stays: the thread's end is what stops the process.
+        if (!eventLoopThread.joinable())
+            executor.reset();
+    }
+
     void FillInDependencies() {
         FillIn<EventTracerStub>(dependencies.eventTracer);
         FillIn<QtProxyProvider>(dependencies.proxyProvider);

@@ -521,6 +521,13 @@ TEST_F(ParallelExecutorTest, AfterAbortRunsNothing) {
     EXPECT_TRUE(m_queue.RunLeftTask());
 }
 
+TEST_F(ParallelExecutorTest, AfterAbortStartsNoThreads) {
+    ParallelExecutor executor(4);
+    executor.Abort();
+    const LimitedThreadStarts limit(0);
+    EXPECT_EQ(executor.ExecQueue(m_queue), Result::NothingExecuted);
+}
+
 TEST_F(ParallelExecutorTest, StaysAborted) {
     ParallelExecutor executor(4);
     AddCounted(1);
@@ -763,6 +770,25 @@ TEST_F(ParallelExecutorHalfStartedTest, TheNextCallDoesNotSpeakOfTheStartedThrea
     EXPECT_EQ(m_executor->ExecQueue(m_queue), Result::NothingExecuted);
 }
 
+TEST_F(ParallelExecutorHalfStartedTest, TheNextCallUnregistersItFromTheQueueOfTheStartedThreads) {
+    StartHalf();
+    ObservedQueue other;
+    m_executor->ExecQueue(other);
+    EXPECT_EQ(m_queue.Log().back(), "unregister");
+}
+
+TEST_F(ParallelExecutorHalfStartedTest, AbortWaitsForTheStartedThreads) {
+    AddBlocking();
+    StartHalf();
+    EXPECT_TRUE(m_queue.WaitUntilParked(1));
+    Background abort([&] { m_executor->Abort(); });
+    EXPECT_TRUE(abort.WaitUntilHeldUp());
+    m_release.Set();
+    EXPECT_TRUE(abort.WaitUntilDone());
+    EXPECT_EQ(m_queue.Count("end"), 2U);
+    EXPECT_EQ(m_queue.Log().back(), "unregister");
+}
+
 TEST_F(ParallelExecutorHalfStartedTest, ItsEndWaitsForTheStartedThreads) {
     AddBlocking();
     StartHalf();
@@ -790,11 +816,8 @@ TEST_F(ParallelExecutorHalfStartedTest, ItsEndReachesAThreadThatIsAboutToWait) {
     EXPECT_EQ(m_queue.Count("end"), 2U);
 }
 
-TEST_F(ParallelExecutorHalfStartedTest, TheCallAfterAbortReachesAThreadThatIsAboutToWait) {
-    WithAThreadAboutToWait([this] {
-        m_executor->Abort();
-        EXPECT_EQ(m_executor->ExecQueue(m_queue), Result::NothingExecuted);
-    });
+TEST_F(ParallelExecutorHalfStartedTest, AbortReachesAThreadThatIsAboutToWait) {
+    WithAThreadAboutToWait([this] { m_executor->Abort(); });
     EXPECT_EQ(m_queue.Count("end"), 2U);
 }
 

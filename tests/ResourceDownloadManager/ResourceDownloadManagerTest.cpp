@@ -13,6 +13,8 @@
 #include "support/FakeScriptedDownloader.h"
 #include "support/LogCapture.h"
 #include "support/TemporaryFolder.h"
+#include "support/ThreadStarts.h"
+#include "support/TimedWaits.h"
 
 #include <gmock/gmock.h>
 
@@ -48,6 +50,8 @@ using Testing::BackgroundCall;
 using testing::ElementsAre;
 using Testing::Event;
 using Testing::FakeScriptedDownloader;
+using Testing::LatestTimedWait;
+using Testing::LimitedThreadStarts;
 using testing::NiceMock;
 using testing::Return;
 using Testing::ThisThread;
@@ -456,6 +460,29 @@ TEST_F(ResourceDownloadManagerTest, LetsExceptionsOutWithoutAParallelExecutor) {
     EXPECT_THROW(m_app.manager.ProcessCurrentQueue(), std::runtime_error);
 }
 
+/// How many of the four threads could be started.
+class ResourceDownloadManagerShortOfThreadsTest : public testing::TestWithParam<std::size_t> {};
+
+TEST_P(ResourceDownloadManagerShortOfThreadsTest, ThrowsAndCanBeDestroyed) {
+    const auto app = std::make_unique<Application>();
+    app->Init(Parallel(4));
+    app->ScheduleMain("a");
+    const LimitedThreadStarts limit(GetParam());
+    EXPECT_THROW(app->manager.ProcessCurrentQueue(), std::system_error);
+}
+
+TEST_P(ResourceDownloadManagerShortOfThreadsTest, CanBeDestroyedWithoutAbort) {
+    const auto downloader = std::make_shared<FakeScriptedDownloader>();
+    ResourceDownloadManager manager;
+    Dependencies dependencies;
+    dependencies.resourceDownloader = downloader;
+    manager.Init(Parallel(4), dependencies);
+    const LimitedThreadStarts limit(GetParam());
+    EXPECT_THROW(manager.ProcessCurrentQueue(), std::system_error);
+}
+
+INSTANTIATE_TEST_SUITE_P(Started, ResourceDownloadManagerShortOfThreadsTest, testing::Values(0, 2));
+
 TEST_F(ResourceDownloadManagerTest, RunsNothingOnTheCallingThreadWithAParallelExecutor) {
     m_app.Init(Parallel(2));
     m_app.ScheduleInit("a");
@@ -741,7 +768,12 @@ public:
                << Attempts() << " attempts";
     }
 
-    bool IsAsleep() const { return AllSleep({*m_app.downloader->DownloadThreads().begin()}); }
+    bool IsAsleep() const { return AllSleep({Thread()}); }
+
+    /// How long it set out to pause, in seconds.
+    double Pause() const {
+        return std::chrono::duration<double>(LatestTimedWait(Thread())).count();
+    }
 
     std::size_t Attempts() const { return m_app.downloader->DownloadCount("lost"); }
 
@@ -757,6 +789,8 @@ public:
     Application& App() { return m_app; }
 
 private:
+    pid_t Thread() const { return *m_app.downloader->DownloadThreads().begin(); }
+
     const Testing::TemporaryFolder m_folder;
     std::deque<Clock::time_point> m_begins;
     IRemoteResource* m_present = nullptr;
@@ -776,6 +810,20 @@ TEST_F(ResourceDownloadManagerTest, PausesFiveSecondsWhileUnstableAndLongerWhile
     unstable.App().manager.Abort();
     EXPECT_GE(unstable.TimeAfter(4), std::chrono::seconds(5));
     EXPECT_LT(unstable.TimeAfter(4), kWellBelowAMinute);
+}
+
+TEST_F(ResourceDownloadManagerTest, PausesForFiveSecondsWhileUnstable) {
+    RetryingLoop loop;
+    ASSERT_TRUE(loop.PausesAfter(5));
+    EXPECT_LE(loop.Pause(), 5);
+    EXPECT_GT(loop.Pause(), 4);
+}
+
+TEST_F(ResourceDownloadManagerTest, PausesForAMinuteWhileLost) {
+    RetryingLoop loop;
+    ASSERT_TRUE(loop.PausesAfter(12));
+    EXPECT_LE(loop.Pause(), 60);
+    EXPECT_GT(loop.Pause(), 59);
 }
 
 TEST_F(ResourceDownloadManagerTest, DoesNotPauseBeforeTheFirstThreeRetries) {

@@ -6,4 +6,6 @@ halvex_test(HalvexManagerTests MAIN QtTestMain LABEL unit SOURCES
   RemoteResourceEventHandlerCallbackTest.cpp
   ResourceDownloadManagerTest.cpp
   TaskQueueWatcherTest.cpp
-  ValidatorStubTest.cpp)
+  ValidatorStubTest.cpp
+  "${PROJECT_SOURCE_DIR}/tests/support/ThreadStarts.cpp"
+  "${PROJECT_SOURCE_DIR}/tests/support/TimedWaits.cpp")
