@@ -4,12 +4,14 @@
 
 #include <condition_variable>
 #include <cstddef>
+#include <cstdint>
 #include <thread>
 
 namespace Halvex::App {
 
 /// Lets one thread at a time call the observers of a bundle. That thread may take the lock again:
-/// an observer that is being called may ask its bundle for its state or unregister.
+/// an observer that is being called may ask its bundle for its state or unregister. Threads get it
+/// in the order in which they asked for it, so that one delivery after the other keeps nobody out.
 ///
 /// Thread-safe.
 class CAPABILITY("mutex") DeliveryLock {
@@ -17,22 +19,31 @@ public:
     void lock() ACQUIRE() {
         const std::thread::id self = std::this_thread::get_id();
         MutexLock lock(m_mutex);
-        while (m_depth != 0 && m_owner != self)
+        if (m_depth != 0 && m_owner == self) {
+            ++m_depth;
+            return;
+        }
+        const std::uint64_t ticket = m_nextTicket++;
+        while (ticket != m_served)
             lock.Wait(m_free);
         m_owner = self;
-        ++m_depth;
+        m_depth = 1;
     }
 
     void unlock() RELEASE() {
         const MutexLock lock(m_mutex);
         // Under the mutex: whoever waits for this lock may destroy it as soon as it has it.
-        if (--m_depth == 0)
-            m_free.notify_one();
+        if (--m_depth == 0) {
+            ++m_served;
+            m_free.notify_all();
+        }
     }
 
 private:
     Mutex m_mutex;
     std::condition_variable m_free;
+    std::uint64_t m_nextTicket GUARDED_BY(m_mutex) = 0;
+    std::uint64_t m_served GUARDED_BY(m_mutex) = 0;
     std::thread::id m_owner GUARDED_BY(m_mutex);
     std::size_t m_depth GUARDED_BY(m_mutex) = 0;
 };

@@ -19,12 +19,14 @@ public:
     /// Runs with the bundle's delivery lock held: the callbacks of one bundle never overlap. It may
     /// ask this bundle for its state and register or unregister observers with it, itself included.
     /// It must not wait for another thread that does so, nor call another bundle whose observers
-    /// call this one. With TaskQueueImmediate it may also run inside a call of Register or Schedule
-    /// that holds the scheduler's or the resource's lock, so there it must not register, and not
-    /// schedule a resource with checkOnSchedule set; post that to a thread of your own.
+    /// call this one. With TaskQueueImmediate, where registering and scheduling call observers with
+    /// the scheduler's or the resource's lock held, it must not register bundles, nor schedule
+    /// resources with checkOnSchedule set, on whatever thread it runs; post that to a thread of
+    /// your own.
     ///
-    /// What it throws goes to whoever runs the notification queue: on a worker thread it ends the
-    /// process.
+    /// It should not throw. What it throws goes to whoever runs the notification queue: on a worker
+    /// thread it ends the process, elsewhere the notifications of other observers and the end of
+    /// the attempt that caused this one are lost.
     virtual void OnStateChanged(IRemoteResource::State state,
                                 const ResourceDescriptorBundle* bundle) = 0;
 };

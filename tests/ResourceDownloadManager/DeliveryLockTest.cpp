@@ -1,9 +1,11 @@
 #include "ResourceDownloadManager/DeliveryLock.h"
 
+#include "support/SleepingThreads.h"
 #include "support/Waiting.h"
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <memory>
 #include <stdexcept>
 #include <thread>
@@ -22,6 +24,7 @@ class Contender {
 public:
     explicit Contender(DeliveryLock& lock)
         : m_thread([this, &lock] {
+              m_id = ThisThread();
               const DeliveryScope scope(lock);
               m_hasHeld.Set();
           }) {}
@@ -30,11 +33,15 @@ public:
     Contender(const Contender&) = delete;
     Contender& operator=(const Contender&) = delete;
 
+    bool WaitUntilItWaits() {
+        return WaitUntil([this] { return m_id != 0 && AllSleep({m_id}); });
+    }
     bool HasHeldIt(std::chrono::milliseconds limit = kGenerousLimit) {
         return m_hasHeld.Wait(limit);
     }
 
 private:
+    std::atomic<pid_t> m_id{0};
     Event m_hasHeld;
     std::thread m_thread;
 };
@@ -74,6 +81,16 @@ TEST(DeliveryLock, IsHeldUntilItsLastScopeEnds) {
         EXPECT_FALSE(other->HasHeldIt(kHeldUp));
     });
     EXPECT_TRUE(other->HasHeldIt());
+}
+
+TEST(DeliveryLock, LetsAWaitingThreadInBeforeItsHolderTakesItAnew) {
+    DeliveryLock lock;
+    std::unique_ptr<Contender> other;
+    InScopes(lock, 1, [&lock, &other] {
+        other = std::make_unique<Contender>(lock);
+        EXPECT_TRUE(other->WaitUntilItWaits());
+    });
+    InScopes(lock, 1, [&other] { EXPECT_TRUE(other->HasHeldIt(std::chrono::milliseconds(0))); });
 }
 
 TEST(DeliveryLock, CanBeTakenByAnotherThreadLater) {
