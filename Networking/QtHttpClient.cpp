@@ -47,6 +47,10 @@ public:
         QNetworkReply* reply = m_manager.get(request);
         if (m_options.dataCallback) {
             reply->setReadBufferSize(kReadBufferBytes);
+            // Qt 5 sets up anew for a redirect's target, without the limit, after this signal.
+            QObject::connect(
+                reply, &QNetworkReply::redirected, reply,
+                [reply] { reply->setReadBufferSize(kReadBufferBytes); }, Qt::QueuedConnection);
             QObject::connect(reply, &QNetworkReply::readyRead, &m_loop,
                              [this, reply] { Guarded(*reply, [&] { HandOverData(*reply); }); });
         }
@@ -115,6 +119,7 @@ private:
     void OnFinished(QNetworkReply& reply) {
         switch (reply.error()) {
         case QNetworkReply::NoError:
+            // What is left belongs to the same body as what has been handed over.
             if (m_options.dataCallback)
                 HandOverData(reply);
             else

@@ -18,7 +18,8 @@ namespace Halvex::Networking {
 ///
 /// Redirects are followed, except from https to http. A content coding that Qt asked for is undone.
 /// A body shorter than announced is code 4, as is any other failure; the text is Qt's. With a data
-/// callback at most about 1 MiB of the body is held at a time.
+/// callback at most about 1 MiB of the body, as it was sent, is held at a time; decoded that may be
+/// much more.
 ///
 /// Qt does not tell reliably whether a body sent in chunks, or one that it has decoded, was cut
 /// short by the server; such a body may end with code 0. Where that matters, check what arrived.

@@ -25,11 +25,14 @@ std::uint64_t ResidentBytes() {
     return resident * static_cast<std::uint64_t>(::sysconf(_SC_PAGESIZE));
 }
 
-TEST(QtHttpClient, StreamsFiveGibibytesWholeInFlatMemory) {
+class QtHttpClientLongTest : public testing::TestWithParam<const char*> {};
+
+TEST_P(QtHttpClientLongTest, StreamsFiveGibibytesWholeInFlatMemory) {
     constexpr std::uint64_t kMebibyte = 1024 * 1024;
     constexpr std::uint64_t kSize = 5 * 1024 * kMebibyte;
     ScriptedHttpServer server;
-    server.On("/", Reply::Generated(kSize));
+    server.On("/all", Reply::Generated(kSize));
+    server.On("/redirect", Reply::Redirect("/all"));
 
     std::uint64_t received = 0;
     std::uint64_t different = 0;
@@ -43,7 +46,7 @@ TEST(QtHttpClient, StreamsFiveGibibytesWholeInFlatMemory) {
         received += piece.size();
         highest = std::max(highest, ResidentBytes());
     };
-    const Response response = QtHttpClient().get({Url(server.Url("/")), {}, {}}, options);
+    const Response response = QtHttpClient().get({Url(server.Url(GetParam())), {}, {}}, options);
 
     EXPECT_EQ(response.errorCode, 0) << response.errorText;
     EXPECT_EQ(received, kSize);
@@ -51,6 +54,8 @@ TEST(QtHttpClient, StreamsFiveGibibytesWholeInFlatMemory) {
     EXPECT_GT(highest, 0u);
     EXPECT_LT(highest, before + 64 * kMebibyte);
 }
+
+INSTANTIATE_TEST_SUITE_P(From, QtHttpClientLongTest, testing::Values("/all", "/redirect"));
 
 } // namespace
 } // namespace Halvex::Networking

@@ -10,6 +10,7 @@
 #include <QtCore/QCoreApplication>
 #include <QtCore/QEvent>
 #include <QtCore/QEventLoop>
+#include <QtCore/QThread>
 #include <QtCore/QTimer>
 #include <QtNetwork/QSslCertificate>
 #include <QtNetwork/QSslConfiguration>
@@ -115,9 +116,14 @@ TEST_F(QtHttpClientTest, HandsOverPiecesAsTheyArrive) {
     EXPECT_EQ(streamed, "abc|def|");
 }
 
-TEST_F(QtHttpClientTest, HoldsLittleOfABodyThatIsTakenSlowly) {
+class QtHttpClientSlowTakerTest : public QtHttpClientTest,
+                                  public testing::WithParamInterface<const char*> {};
+
+TEST_P(QtHttpClientSlowTakerTest, HoldsLittleOfABodyThatIsTakenSlowly) {
     constexpr std::size_t kMebibyte = 1024 * 1024;
     server.On("/all", Reply::Generated(64 * kMebibyte));
+    server.On("/redirect", Reply::Redirect("/all"));
+    server.On("/redirects", Reply::Redirect("/redirect"));
     server.On("/wait", Reply::Ok("while the other body could arrive"));
     std::size_t largest = 0;
     options.dataCallback = [&](const std::string& piece) {
@@ -127,9 +133,23 @@ TEST_F(QtHttpClientTest, HoldsLittleOfABodyThatIsTakenSlowly) {
         if (piece.size() == largest)
             client.get({Url(server.Url("/wait")), {}, {}}, plain);
     };
-    EXPECT_EQ(Get("/all").errorCode, 0);
+    EXPECT_EQ(Get(GetParam()).errorCode, 0);
     EXPECT_GT(largest, 0u);
-    EXPECT_LT(largest, 2 * kMebibyte);
+    EXPECT_LT(largest, 3 * kMebibyte);
+}
+
+INSTANTIATE_TEST_SUITE_P(From, QtHttpClientSlowTakerTest,
+                         testing::Values("/all", "/redirect", "/redirects"));
+
+TEST_F(QtHttpClientTest, EndsWithTheDefaultResponseWhenItsLoopIsLeft) {
+    server.On("/", Reply::Ok("abcdef").StallAt(3));
+    options.dataCallback = [](const std::string&) {
+        QThread::currentThread()->exit();
+    };
+    Response response;
+    std::thread([&] { response = Get("/"); }).join();
+    EXPECT_EQ(response.errorCode, 1001);
+    EXPECT_EQ(response.errorText, "");
 }
 
 TEST_F(QtHttpClientTest, CallsTheDataCallbackForNoEmptyBody) {
@@ -713,7 +733,6 @@ TEST_F(QtHttpClientTest, LetsOutWhatTheDataCallbackThrows) {
 
 TEST_F(QtHttpClientTest, LetsOutWhatTheProgressCallbackThrows) {
     server.On("/", Reply::Ok("abcdef"));
-    WatchProgress();
     options.progressCallback = [](std::size_t, std::size_t) {
         throw std::runtime_error("progress");
     };
