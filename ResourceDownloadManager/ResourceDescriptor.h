@@ -23,7 +23,8 @@ struct ResourceDescriptor {
     /// The file whose existence means that the resource is present.
     ioPath localPath;
     /// Where a download in progress is written. Any file there is deleted when a download begins.
-    /// On the file system of downloadPath the finished file is renamed, otherwise copied.
+    /// On the file system of downloadPath the finished file is renamed, otherwise copied. Must be
+    /// another path than downloadPath: otherwise downloads fail.
     ioPath tempPath;
     /// Where a finished download is moved to, commonly localPath itself. Any file there is deleted
     /// when a download begins. The folder must exist; the library makes none.
@@ -36,7 +37,8 @@ struct ResourceDescriptor {
     /// The path of the resource below baseUrl, or below the source folder of
     /// ResourceDownloaderFileMock.
     std::string relativePath;
-    /// The address that relativePath is appended to, with exactly one slash in between.
+    /// The address that relativePath is appended to. Unless it is empty, a slash that it ends in
+    /// and one that relativePath begins with become one, and a missing one is added.
     std::string baseUrl;
 
     /// 0: a downloaded file is used as it is.

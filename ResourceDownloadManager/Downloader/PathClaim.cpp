@@ -47,12 +47,14 @@ ClaimedPaths& Claimed() {
     return paths;
 }
 
-/// The same text for different spellings of one path.
+/// The same text for different spellings of one path, ways through linked folders included. The
+/// file itself may be a link that somebody has planted: it is replaced, not followed.
 std::string KeyOf(const ioPath& path) {
     std::error_code error;
     const std::filesystem::path spelled(path.string());
-    const std::filesystem::path absolute = std::filesystem::absolute(spelled, error);
-    return (error ? spelled : absolute).lexically_normal().string();
+    const std::filesystem::path folder = std::filesystem::weakly_canonical(
+        std::filesystem::absolute(spelled, error).parent_path(), error);
+    return (error ? spelled.lexically_normal() : folder / spelled.filename()).string();
 }
 
 } // namespace
@@ -61,6 +63,10 @@ PathClaim::PathClaim(const ioPath& path, const std::function<bool()>& giveUp) : 
     m_held = Claimed().Take(m_key, std::chrono::steady_clock::now());
     while (!m_held && !giveUp())
         m_held = Claimed().Take(m_key, std::chrono::steady_clock::now() + kGiveUpQueryInterval);
+}
+
+bool PathClaim::IsOn(const ioPath& path) const {
+    return KeyOf(path) == m_key;
 }
 
 PathClaim::~PathClaim() {

@@ -23,6 +23,8 @@ public:
 
     /// Whether the claim is held.
     explicit operator bool() const { return m_held; }
+    /// Whether the path is that of the claim, however it is spelled.
+    bool IsOn(const ioPath& path) const;
 
 private:
     const std::string m_key;

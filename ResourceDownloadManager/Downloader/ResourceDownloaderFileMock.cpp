@@ -61,6 +61,10 @@ IResourceDownloader::Status ResourceDownloaderFileMock::Exec(Task task) const {
     const PathClaim claim(descriptor.tempPath, [&] { return m_impl->IsCancelled(local); });
     if (!claim)
         return Impl::Cancelled(descriptor);
+    if (claim.IsOn(descriptor.downloadPath)) {
+        LOG(ERROR) << "the temporary path is the download path=" << descriptor.downloadPath;
+        return Status::Failed;
+    }
     const ioPath sourcePath = m_impl->sourceRoot / ioPath(descriptor.relativePath);
     const TemporaryFile file(descriptor.tempPath, descriptor.downloadPath);
     if (!file)

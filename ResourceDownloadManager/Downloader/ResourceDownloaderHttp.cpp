@@ -153,6 +153,10 @@ IResourceDownloader::Status ResourceDownloaderHttp::Exec(Task task) const {
         response.errorCode = kCancelled;
         return m_impl->Conclude(url, response, [] { return false; });
     }
+    if (claim.IsOn(descriptor.downloadPath)) {
+        LOG(ERROR) << "the temporary path is the download path=" << descriptor.downloadPath;
+        return Status::Failed;
+    }
     const TemporaryFile file(descriptor.tempPath, descriptor.downloadPath);
     if (!file)
         return Status::Failed;

@@ -108,7 +108,10 @@ const Flaw kFlaws[] = {
      [](const TemporaryFolder&, ResourceDescriptor& file) {
          file.tempPath = file.downloadPath = file.localPath = ioPath();
      },
-     "failed to create file for writing="},
+     "the temporary path is the download path="},
+    {"TemporaryPathThatIsTheDestination",
+     [](const TemporaryFolder&, ResourceDescriptor& file) { file.tempPath = file.downloadPath; },
+     "the temporary path is the download path="},
     {"PathWithAZeroByte",
      [](const TemporaryFolder& folder, ResourceDescriptor& file) {
          file.tempPath = folder / std::string("file\0.part", 10);

@@ -109,6 +109,22 @@ TEST_F(PathClaimTest, TakesARelativePathForTheSameAsItsAbsoluteOne) {
     EXPECT_FALSE(IsFree(absolute));
 }
 
+TEST_F(PathClaimTest, TakesAWayThroughALinkedFolderForTheSamePath) {
+    std::filesystem::create_directory((m_folder / "real").string());
+    std::filesystem::create_directory_symlink("real", (m_folder / "link").string());
+    const PathClaim claim(m_folder / "real/temp", GiveUpAtOnce);
+    EXPECT_FALSE(IsFree(m_folder / "link/temp"));
+    EXPECT_FALSE(IsFree(m_folder / "link/../real/temp"));
+    EXPECT_TRUE(claim.IsOn(m_folder / "link/temp"));
+    EXPECT_FALSE(claim.IsOn(m_folder / "link/other"));
+}
+
+TEST_F(PathClaimTest, TakesALinkAtThePathForTheFileThatReplacesIt) {
+    std::filesystem::create_symlink("elsewhere", m_path.string());
+    const PathClaim claim(m_path, GiveUpAtOnce);
+    EXPECT_TRUE(IsFree(m_folder / "elsewhere"));
+}
+
 TEST_F(PathClaimTest, TouchesNothingOnDisk) {
     const PathClaim claim(m_path, GiveUpAtOnce);
     EXPECT_EQ(m_folder.List(), "");

@@ -5,6 +5,7 @@
 #include "support/LogCapture.h"
 #include "support/SystemCalls.h"
 #include "support/TemporaryFolder.h"
+#include "support/VirtualSlot.h"
 #include "support/Waiting.h"
 
 #include <gmock/gmock.h>
@@ -17,6 +18,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <type_traits>
 #include <utility>
 
 namespace Halvex::App {
@@ -29,6 +31,7 @@ using Halvex::Testing::ReadFile;
 using Halvex::Testing::SomeBytes;
 using Halvex::Testing::SystemCalls;
 using Halvex::Testing::TemporaryFolder;
+using Halvex::Testing::VirtualSlot;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -649,6 +652,19 @@ TEST_F(ResourceDownloaderFileMockSharedPathTest, DifferentTemporaryPathsAreCopie
     EXPECT_EQ(first.End(), Status::Failed);
     EXPECT_EQ(second.End(), Status::Failed);
     ExpectBothWhole();
+}
+
+TEST(IResourceDownloader, NumbersItsOutcomes) {
+    EXPECT_EQ(static_cast<int>(Status::Ok), 0);
+    EXPECT_EQ(static_cast<int>(Status::Failed), 1);
+    EXPECT_EQ(static_cast<int>(Status::NetworkFailure), 2);
+    EXPECT_EQ(static_cast<int>(Status::Cancelled), 3);
+    EXPECT_TRUE((std::is_same_v<std::underlying_type_t<Status>, std::int32_t>));
+}
+
+TEST(IResourceDownloader, KeepsTheOrderOfItsOperations) {
+    EXPECT_EQ(VirtualSlot(&IResourceDownloader::Exec), 1U);
+    EXPECT_EQ(VirtualSlot(&IResourceDownloader::Abort), 2U);
 }
 
 } // namespace
