@@ -28,7 +28,7 @@ public:
     explicit EventTracer(Params params);
 
     void Trace(Event event, const TraceRecord& record) const override;
-    /// Writes the text as it is, whatever the filter.
+    /// Writes the text as it is, whatever the filter. glog cuts a line at about 30,000 bytes.
     void TraceString(const std::string& text) const override;
 
 private:

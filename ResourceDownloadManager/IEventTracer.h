@@ -19,7 +19,7 @@ class IEventTracer {
 public:
     /// The steps. One whose name ends in End closes the step that it repeats, on the same thread.
     enum class Event : std::int32_t {
-        CheckScheduled,          ///< a check has been queued
+        CheckScheduled,          ///< a check is about to be queued
         Check,                   ///< a check begins
         CheckEnd,                ///< and has ended, the download included if there was one
         ValidatorCheck,          ///< for validators to use

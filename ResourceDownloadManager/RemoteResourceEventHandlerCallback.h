@@ -43,7 +43,7 @@ public:
     /// keep theirs.
     void SetNotificationParams(IRemoteResource::NotificationParams params);
 
-    /// Registers with a resource. Once is enough: the second time changes nothing there.
+    /// Registers with a resource. Once is enough: the second time changes no parameters.
     void RegisterWithin(IRemoteResource* resource);
 
     void OnStateChanged(IRemoteResource::State state,

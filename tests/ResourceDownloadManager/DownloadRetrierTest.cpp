@@ -2,6 +2,7 @@
 
 #include "ResourceDownloadManager/ISchedulableResource.h"
 #include "support/BackgroundCall.h"
+#include "support/VirtualSlot.h"
 
 #include <gmock/gmock.h>
 
@@ -24,6 +25,7 @@ using SchedulePriority = ISchedulableResource::SchedulePriority;
 using Testing::BackgroundCall;
 using testing::ElementsAre;
 using testing::SizeIs;
+using Testing::VirtualSlot;
 
 class FakeResource : public ISchedulableResource {
 public:
@@ -530,6 +532,23 @@ TEST_F(DownloadRetrierTest, RetriesEveryFailureReportedFromManyThreads) {
     for (std::size_t i = 0; i < resources.size(); ++i)
         everyResource.push_back(std::to_string(i));
     EXPECT_THAT(m_retried, testing::UnorderedElementsAreArray(everyResource));
+}
+
+TEST(IDownloadRetrier, NumbersItsAnswers) {
+    EXPECT_EQ(static_cast<int>(Result::NothingToRetry), 0);
+    EXPECT_EQ(static_cast<int>(Result::Retried), 1);
+    EXPECT_EQ(static_cast<int>(Result::Wait), 2);
+    EXPECT_TRUE((std::is_same_v<std::underlying_type_t<Result>, std::int32_t>));
+    EXPECT_EQ(static_cast<int>(State::Good), 0);
+    EXPECT_EQ(static_cast<int>(State::Unstable), 1);
+    EXPECT_EQ(static_cast<int>(State::Lost), 2);
+    EXPECT_TRUE((std::is_same_v<std::underlying_type_t<State>, std::int32_t>));
+}
+
+TEST(IDownloadRetrier, KeepsTheOrderOfItsOperations) {
+    EXPECT_EQ(VirtualSlot(&IDownloadRetrier::DownloadFinished), 1U);
+    EXPECT_EQ(VirtualSlot(&IDownloadRetrier::Check), 2U);
+    EXPECT_EQ(VirtualSlot(&IDownloadRetrier::GetState), 3U);
 }
 
 } // namespace

@@ -3,6 +3,7 @@
 #include "support/LogCapture.h"
 #include "support/SystemCalls.h"
 #include "support/TemporaryFolder.h"
+#include "support/VirtualSlot.h"
 
 #include <gmock/gmock.h>
 
@@ -105,6 +106,10 @@ TEST_F(NetworkStateEmulatorTest, AnswersManyThreadsAtOnce) {
     for (std::thread& thread : threads)
         thread.join();
     EXPECT_EQ(offline, kThreads * kCalls);
+}
+
+TEST(INetworkStateChecker, KeepsThePlaceOfItsOperation) {
+    EXPECT_EQ(Halvex::Testing::VirtualSlot(&INetworkStateChecker::GetState), 1U);
 }
 
 } // namespace

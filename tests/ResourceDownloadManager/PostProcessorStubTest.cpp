@@ -2,6 +2,7 @@
 
 #include "ResourceDownloadManager/ResourceDescriptor.h"
 #include "support/TemporaryFolder.h"
+#include "support/VirtualSlot.h"
 
 #include <gtest/gtest.h>
 
@@ -30,6 +31,10 @@ TEST(PostProcessorStub, LeavesTheFileAlone) {
 
 TEST(PostProcessorStub, DoesNotLookAtTheDescriptor) {
     EXPECT_EQ(PostProcessorStub().Process(nullptr), 0);
+}
+
+TEST(IPostProcessor, KeepsThePlaceOfItsOperation) {
+    EXPECT_EQ(Testing::VirtualSlot(&IPostProcessor::Process), 1U);
 }
 
 } // namespace

@@ -1,6 +1,7 @@
 #include "ResourceDownloadManager/QtProxyProvider.h"
 
 #include "ResourceDownloadManager/QtProxyProviderInternal.h"
+#include "support/VirtualSlot.h"
 
 #include <gtest/gtest.h>
 
@@ -176,6 +177,19 @@ TEST(QtProxyProvider, IsAValueThatCopiesAndMoves) {
     EXPECT_TRUE(std::is_copy_assignable_v<QtProxyProvider>);
     EXPECT_TRUE(std::is_move_constructible_v<QtProxyProvider>);
     EXPECT_TRUE(std::is_move_assignable_v<QtProxyProvider>);
+}
+
+TEST(IProxyProvider, NumbersTheTypes) {
+    EXPECT_EQ(static_cast<int>(Type::None), 0);
+    EXPECT_EQ(static_cast<int>(Type::Http), 1);
+    EXPECT_EQ(static_cast<int>(Type::Https), 2);
+    EXPECT_EQ(static_cast<int>(Type::Socks4), 3);
+    EXPECT_EQ(static_cast<int>(Type::Socks5), 4);
+    EXPECT_TRUE((std::is_same_v<std::underlying_type_t<Type>, std::int32_t>));
+}
+
+TEST(IProxyProvider, KeepsThePlaceOfItsOperation) {
+    EXPECT_EQ(Testing::VirtualSlot(&IProxyProvider::GetSystemProxy), 1U);
 }
 
 } // namespace Halvex::App

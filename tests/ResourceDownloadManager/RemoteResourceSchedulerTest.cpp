@@ -6,6 +6,7 @@
 #include "support/LogCapture.h"
 #include "support/SchedulingFakes.h"
 #include "support/TemporaryFolder.h"
+#include "support/VirtualSlot.h"
 #include "support/Waiting.h"
 
 #include <gmock/gmock.h>
@@ -429,6 +430,11 @@ TEST_F(RemoteResourceSchedulerOverFiles, UrgentBundlesAreCheckedFirst) {
     fakes.recorder.Take();
     checks->ExecOne();
     EXPECT_THAT(fakes.recorder.Take(), Contains("Trace Check b Waiting NoError 0"));
+}
+
+TEST(IRemoteResourceScheduler, KeepsTheOrderOfItsOperations) {
+    EXPECT_EQ(VirtualSlot(&IRemoteResourceScheduler::RegisterAutoSchedule), 1U);
+    EXPECT_EQ(VirtualSlot(&IRemoteResourceScheduler::Register), 2U);
 }
 
 } // namespace

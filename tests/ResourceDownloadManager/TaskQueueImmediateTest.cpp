@@ -56,6 +56,16 @@ TEST(TaskQueueImmediate, RunsATaskThatATaskAddsInsideIt) {
     EXPECT_EQ(order, "begin inner end ");
 }
 
+TEST(TaskQueueImmediate, DestroysATaskThatThrows) {
+    TaskQueueImmediate queue;
+    auto state = std::make_shared<int>(0);
+    const std::weak_ptr<int> observed = state;
+    EXPECT_THROW(queue.AddTask([state = std::move(state)] { throw std::logic_error("task"); },
+                               ITaskQueue::Middle),
+                 std::logic_error);
+    EXPECT_TRUE(observed.expired());
+}
+
 TEST(TaskQueueImmediate, DestroysATaskAfterItHasRunAndBeforeAddTaskReturns) {
     TaskQueueImmediate queue;
     auto state = std::make_shared<int>(0);

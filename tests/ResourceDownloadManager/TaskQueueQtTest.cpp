@@ -141,6 +141,7 @@ TEST_F(TaskQueueQtTest, RunsATaskOfAnotherThreadOnTheThreadThatMadeTheQueue) {
 
 TEST_F(TaskQueueQtTest, BelongsToTheThreadThatMadeItWhicheverThatIs) {
     Event made;
+    Event added;
     std::unique_ptr<TaskQueueQt> queue;
     std::thread::id runner;
     std::thread::id owner;
@@ -151,10 +152,12 @@ TEST_F(TaskQueueQtTest, BelongsToTheThreadThatMadeItWhicheverThatIs) {
         queue->AddTask([&] { made.Set(); }, ITaskQueue::Highest);
         while (runner == std::thread::id())
             loop.processEvents(QEventLoop::WaitForMoreEvents);
+        EXPECT_TRUE(added.Wait());
         queue.reset();
     });
     EXPECT_TRUE(made.Wait());
     queue->AddTask([&] { runner = std::this_thread::get_id(); }, ITaskQueue::Middle);
+    added.Set();
     thread.join();
     EXPECT_EQ(runner, owner);
 }

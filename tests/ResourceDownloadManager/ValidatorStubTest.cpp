@@ -2,6 +2,7 @@
 
 #include "ResourceDownloadManager/ResourceDescriptor.h"
 #include "support/TemporaryFolder.h"
+#include "support/VirtualSlot.h"
 
 #include <gtest/gtest.h>
 
@@ -30,6 +31,10 @@ TEST(ValidatorStub, LeavesTheFileAlone) {
 
 TEST(ValidatorStub, DoesNotLookAtTheDescriptor) {
     EXPECT_EQ(ValidatorStub().Validate(nullptr), 0);
+}
+
+TEST(IValidator, KeepsThePlaceOfItsOperation) {
+    EXPECT_EQ(Testing::VirtualSlot(&IValidator::Validate), 1U);
 }
 
 } // namespace
