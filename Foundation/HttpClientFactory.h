@@ -11,8 +11,8 @@ class IHttpClient;
 
 /// The kinds of HTTP client that createHttpClient makes.
 enum class HttpClientType : std::int32_t {
-    Native, ///< the library's own choice
-    Qt,     ///< QtHttpClient, over Qt's network module
+    Native, ///< over libcurl, with connections that are reused; needs no QCoreApplication
+    Qt,     ///< QtHttpClient: over Qt's network module
 };
 
 /// Makes an HTTP client. Empty for a value that is not a HttpClientType. Safe from any thread.

@@ -52,7 +52,7 @@ struct Options {
 struct Response {
     /// The HTTP status; 0 when the client does not tell.
     std::int32_t status = 0;
-    /// The body, unless a dataCallback took it.
+    /// The body, unless a dataCallback took it; empty after a failure.
     std::string body;
     std::vector<std::pair<std::string, std::string>> headers;
     std::vector<std::pair<std::string, std::string>> cookies;

@@ -43,7 +43,7 @@ public:
         /// True: observers of the main scheduler's resources are called on the Qt event loop of the
         /// thread that calls Init; false: on the thread on which the change happens.
         bool useQtTaskQueue = false;
-        /// True: HTTP through Networking::QtHttpClient; false: through the library's own choice.
+        /// True: HTTP through Networking::QtHttpClient; false: through the native client.
         bool useQtHttpClient = false;
     };
 

@@ -1,5 +1,6 @@
 #include "Foundation/HttpClientFactory.h"
 
+#include "Networking/CurlHttpClient.h"
 #include "Networking/QtHttpClient.h"
 
 #include <gtest/gtest.h>
@@ -21,7 +22,8 @@ TEST(HttpClientFactory, MakesAClientOverQt) {
 }
 
 TEST(HttpClientFactory, MakesANativeClient) {
-    EXPECT_NE(createHttpClient(HttpClientType::Native), nullptr);
+    const std::unique_ptr<IHttpClient> client = createHttpClient(HttpClientType::Native);
+    EXPECT_NE(dynamic_cast<CurlHttpClient*>(client.get()), nullptr);
 }
 
 TEST(HttpClientFactory, MakesAClientOfItsOwnForEachCall) {

@@ -117,8 +117,8 @@ const Flaw kFlaws[] = {
          file.tempPath = folder / std::string("file\0.part", 10);
      },
      "Failed to remove file="},
-    {"UrlOfNoServer",
-     [](const TemporaryFolder&, ResourceDescriptor& file) { file.baseUrl = "http://"; },
+    {"UrlWithoutHost",
+     [](const TemporaryFolder&, ResourceDescriptor& file) { file.baseUrl = "http:///"; },
      "failed with error="},
     {"EmptyUrl",
      [](const TemporaryFolder&, ResourceDescriptor& file) {
@@ -252,15 +252,16 @@ TEST(UnusualInput, ADownloaderWithoutServicesMakesEveryDownloadFail) {
     EXPECT_EQ(application.folder.List(), "");
 }
 
-TEST(UnusualInput, AServerThatIsNotThereIsAnError) {
+TEST(UnusualInput, AServerThatIsNotThereIsALostConnection) {
     const UnusedPort port;
     Application application({});
     IRemoteResource* bundle = application.Schedule(
         {&application.AddFile("http://127.0.0.1:" + std::to_string(port.Number()), "file.bin")});
     const LogCapture log;
-    application.Run();
-    EXPECT_EQ(Outcome(bundle->GetState()).substr(0, 5), "Error");
-    EXPECT_THAT(log.Errors(), Contains(HasSubstr("failed with error=")));
+    EXPECT_TRUE(application.manager.ProcessCurrentQueueQuant());
+    EXPECT_EQ(Outcome(bundle->GetState()), "Error InternetConnectionLost");
+    EXPECT_THAT(log.Errors(), Contains(HasSubstr("Failed to connect to 127.0.0.1 port " +
+                                                 std::to_string(port.Number()))));
     EXPECT_EQ(application.folder.List(), "");
 }
 

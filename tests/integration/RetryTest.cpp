@@ -20,9 +20,11 @@ using Testing::Outcome;
 using Testing::ReadFile;
 using Testing::Reply;
 using Testing::ScriptedHttpServer;
+using testing::SizeIs;
 using Testing::StatusLog;
 using Testing::TemporaryFolder;
 using Testing::WaitForOutcome;
+using Testing::WaitUntil;
 
 constexpr std::size_t kSize = 1'000'000;
 
@@ -85,6 +87,34 @@ TEST_P(Retry, ABodyThatWasCutShortIsFetchedAgainWhole) {
     application.Run();
     EXPECT_EQ(Outcome(bundle->GetState()), "Available NoError");
     EXPECT_TRUE(ReadFile(file.downloadPath) == GeneratedBytes(0, kSize));
+}
+
+TEST_P(Retry, AConnectionThatIsLostTwiceIsAskedForAgainTwice) {
+    server.On("/file.bin", {Reply::Raw(""), Reply::Raw(""), Reply::Ok("body")});
+    StatusLog log(bundle);
+    bundle->Schedule(ISchedulableResource::SchedulePriority::Normal);
+    application.Run();
+    EXPECT_THAT(log.Outcomes(),
+                ElementsAre("Waiting NoError", "Dowloading NoError", "Error InternetConnectionLost",
+                            "Dowloading NoError", "Error InternetConnectionLost",
+                            "Dowloading NoError", "Available NoError"));
+}
+
+TEST_P(Retry, AConnectionThatStaysLostGetsTwentyRetries) {
+    server.On("/file.bin", Reply::Raw(""));
+    const ResourceDescriptor& present = application.AddFile(server.Url(""), "present");
+    application.folder.Write("present", "body");
+    IRemoteResource* other = application.Register({&present});
+    bundle->Schedule(ISchedulableResource::SchedulePriority::Normal);
+    application.manager.StartEventLoopThread();
+    EXPECT_TRUE(WaitUntil([&] {
+        // Something to do ends the pause before a retry.
+        other->Schedule(ISchedulableResource::SchedulePriority::Normal);
+        return server.RequestCount("/file.bin") == 21;
+    }));
+    application.manager.Abort();
+    EXPECT_EQ(server.RequestCount("/file.bin"), 21U);
+    EXPECT_EQ(Outcome(bundle->GetState()), "Error InternetConnectionLost");
 }
 
 TEST_P(Retry, FilesNeededAtStartUpAreNotRetried) {
@@ -163,18 +193,21 @@ TEST_P(Offline, IsLogged) {
     const LogCapture log;
     application.Run();
     EXPECT_THAT(log.Errors(), ElementsAre("request=" + server.Url("/file.bin") +
-                                          " failed with error= (App OFFLINE mode activated!)"));
+                                          " failed with error=" + server.Url("") +
+                                          ": cancelled (App OFFLINE mode activated!)"));
 }
 
-TEST_P(Retry, OfflineFromTheStartIsALostConnectionEachTime) {
+TEST_P(Retry, OfflineFromTheStartIsALostConnectionEachTimeAndAsksNoServer) {
     server.On("/file.bin", Endless());
     markerFolder.Write("offline", "");
     bundle->Schedule(ISchedulableResource::SchedulePriority::Normal);
+    const LogCapture log;
     // Four downloads and three retries; the fourth retry would be paused before.
     for (int quantum = 0; quantum < 7; ++quantum)
         EXPECT_TRUE(application.manager.ProcessCurrentQueueQuant());
     EXPECT_EQ(Outcome(bundle->GetState()), "Error InternetConnectionLost");
-    EXPECT_EQ(server.RequestCount("/file.bin"), 4U);
+    EXPECT_THAT(log.Errors(), SizeIs(4));
+    EXPECT_EQ(server.ConnectionCount(), 0);
     EXPECT_EQ(application.folder.List(), "");
 }
 

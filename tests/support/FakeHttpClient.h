@@ -3,6 +3,8 @@
 #include "Foundation/Mutex.h"
 #include "Networking/IHttpClient.h"
 
+#include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <string>
 #include <utility>
@@ -24,14 +26,35 @@ public:
         Networking::Options options;
     };
 
-    /// What becomes of every later request; at first each one succeeds with an empty body.
+    /// What becomes of every later request that has a valid address and time; at first each one
+    /// succeeds with an empty body.
     void Play(Script script) { m_script = std::move(script); }
 
-    /// A script that hands over a body in one piece, and then ends with a code and its text.
+    /// A script that hands over a body in one piece, and then ends with a code and its text. It
+    /// reports no progress.
     static Script Deliver(std::string body, std::int32_t errorCode = 0, std::string text = {}) {
         return [=](const Networking::Request&, const Networking::Options& options) {
-            options.dataCallback(body);
-            return Response(errorCode, text);
+            Networking::Response response = Response(errorCode, text);
+            HandOver(body, options, response);
+            return response;
+        };
+    }
+
+    /// A script that succeeds with a body in several pieces, with progress and the question for
+    /// cancellation after each one.
+    static Script Stream(std::vector<std::string> pieces, std::size_t total) {
+        return [=](const Networking::Request&, const Networking::Options& options) {
+            Networking::Response response = Response(0);
+            std::size_t received = 0;
+            for (const std::string& piece : pieces) {
+                HandOver(piece, options, response);
+                received += piece.size();
+                if (options.progressCallback)
+                    options.progressCallback(received, total);
+                if (options.cancellationQuery && options.cancellationQuery())
+                    return Response(15);
+            }
+            return response;
         };
     }
 
@@ -50,7 +73,9 @@ public:
     Networking::Response get(const Networking::Request& request,
                              const Networking::Options& options) override {
         Remember(request, options);
-        return m_script(request, options);
+        if (!request.url.isValid())
+            return {};
+        return options.timeout > 0 ? m_script(request, options) : Response(15);
     }
 
     Networking::Response post(const Networking::Request&, const Networking::MultiPart&,
@@ -63,6 +88,14 @@ public:
     }
 
 private:
+    static void HandOver(const std::string& piece, const Networking::Options& options,
+                         Networking::Response& response) {
+        if (!options.dataCallback)
+            response.body += piece;
+        else if (!piece.empty())
+            options.dataCallback(piece);
+    }
+
     void Remember(const Networking::Request& request, Networking::Options options) {
         options.cancellationQuery = nullptr;
         options.progressCallback = nullptr;

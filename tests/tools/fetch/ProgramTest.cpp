@@ -456,7 +456,7 @@ TEST_F(InterruptedHalvexFetch, EndsPromptlyAndLeavesNoTemporaryFile) {
 }
 
 TEST_F(InterruptedHalvexFetch, EndsPromptlyWhenTheServerHasGoneSilent) {
-    server.On("/a", Reply::Generated(1'000'000).StallAt(100'000));
+    server.On("/a", Reply::Generated(1'000'000).StallAt(500'000));
     const auto result = RunAndSignal({"--json", server.Url("/a")}, SIGINT);
     EXPECT_EQ(result.status, 130);
     EXPECT_LT(result.time, kPromptly);

@@ -1,0 +1,76 @@
+#pragma once
+
+#include "Foundation/Mutex.h"
+
+#include <curl/curl.h>
+
+#include <memory>
+#include <vector>
+
+namespace Halvex::Networking {
+
+/// An easy handle and the multi handle that drives it, with the connections that it keeps open.
+/// Borrowed for one request at a time.
+struct CurlHandle {
+    CurlHandle();
+    ~CurlHandle();
+
+    CurlHandle(const CurlHandle&) = delete;
+    CurlHandle& operator=(const CurlHandle&) = delete;
+
+    /// Has tlsEnded told of the connections that are opened from here on with the easy handle's
+    /// present options.
+    void WatchTlsEnd();
+
+    CURL* const easy;
+    CURLM* const multi;
+    /// Set when a server says, by TLS, that it has sent all: without that a connection that ends
+    /// has been cut, which curl does not tell.
+    bool tlsEnded = false;
+};
+
+/// The handles of one client. They outlive the threads that use them, so that a connection is
+/// reused by whoever comes next; DNS entries and TLS sessions are shared by all.
+///
+/// Thread-safe. Must outlive what it lends.
+class CurlHandlePool {
+public:
+    CurlHandlePool();
+    ~CurlHandlePool();
+
+    CurlHandlePool(const CurlHandlePool&) = delete;
+    CurlHandlePool& operator=(const CurlHandlePool&) = delete;
+
+    /// The handle that was given back last, whose connection is the most likely to be alive, or a
+    /// new one. Its options are the defaults.
+    std::unique_ptr<CurlHandle> Borrow() EXCLUDES(m_mutex);
+    void GiveBack(std::unique_ptr<CurlHandle> handle) EXCLUDES(m_mutex);
+
+private:
+    static void Lock(CURL* easy, curl_lock_data data, curl_lock_access access, void* pool);
+    static void Unlock(CURL* easy, curl_lock_data data, void* pool);
+
+    CURLSH* const m_share;
+    /// One for each kind of data that curl shares, taken and given back by its callbacks.
+    Mutex m_shareMutexes[CURL_LOCK_DATA_LAST];
+
+    Mutex m_mutex;
+    std::vector<std::unique_ptr<CurlHandle>> m_idle GUARDED_BY(m_mutex);
+};
+
+/// Keeps SIGPIPE from the calling thread while it lives: a TLS connection that the server has
+/// closed raises it, and a library must not end its application.
+class SigpipeBlock {
+public:
+    SigpipeBlock();
+    ~SigpipeBlock();
+
+    SigpipeBlock(const SigpipeBlock&) = delete;
+    SigpipeBlock& operator=(const SigpipeBlock&) = delete;
+
+private:
+    bool m_wasPending;
+    bool m_wasBlocked;
+};
+
+} // namespace Halvex::Networking

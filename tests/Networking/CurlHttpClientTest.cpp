@@ -1,0 +1,827 @@
+#include "Networking/CurlHttpClient.h"
+
+#include "support/NginxServer.h"
+#include "support/ScriptedHttpServer.h"
+#include "support/TemporaryFolder.h"
+
+#include <gmock/gmock.h>
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <limits>
+#include <map>
+#include <stdexcept>
+#include <thread>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace Halvex::Networking {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::Contains;
+using testing::ElementsAre;
+using Testing::Event;
+using Testing::GeneratedBytes;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Pair;
+using Testing::Reply;
+using Testing::ScriptedHttpServer;
+using testing::SizeIs;
+
+/// The options that the downloader sets, with callbacks that record.
+class CurlHttpClientTest : public testing::Test {
+protected:
+    CurlHttpClientTest() {
+        m_options.lowSpeedLimit = 1024;
+        m_options.connectTimeout = 5;
+        m_options.timeout = 3'600'000'000;
+        m_options.resume = {true, 3};
+        m_options.lowSpeedTime = 20'000;
+        m_options.cancellationQuery = [this] {
+            return m_cancel.load();
+        };
+        m_options.progressCallback = [this](std::size_t received, std::size_t total) {
+            m_progress.emplace_back(received, total);
+        };
+        m_options.dataCallback = [this](std::string piece) {
+            m_data += piece;
+        };
+    }
+
+    Response Get(const std::string& path) { return GetUrl(m_server.Url(path)); }
+    Response GetUrl(const std::string& url) {
+        Request request;
+        request.url = Url(url);
+        return m_client.get(request, m_options);
+    }
+
+    ScriptedHttpServer m_server;
+    CurlHttpClient m_client;
+    Options m_options;
+    std::atomic<bool> m_cancel{false};
+    std::string m_data;
+    std::vector<std::pair<std::size_t, std::size_t>> m_progress;
+};
+
+// What arrives whole
+
+TEST_F(CurlHttpClientTest, StreamsTheBodyInOrder) {
+    constexpr std::size_t kSize = 3'000'000;
+    m_server.On("/file", Reply::Generated(kSize));
+    const Response response = Get("/file");
+    EXPECT_EQ(response.errorCode, 0) << response.errorText;
+    EXPECT_EQ(response.errorText, "");
+    EXPECT_TRUE(m_data == GeneratedBytes(0, kSize));
+    EXPECT_EQ(response.body, "");
+}
+
+TEST_F(CurlHttpClientTest, GathersTheBodyWithoutADataCallback) {
+    m_options.dataCallback = nullptr;
+    m_server.On("/file", Reply::Ok("hello"));
+    EXPECT_EQ(Get("/file").body, "hello");
+}
+
+TEST_F(CurlHttpClientTest, FillsTheResponse) {
+    m_server.On("/file", Reply::Ok("hello")
+                             .Header("Content-Type", "text/plain")
+                             .Header("Set-Cookie", "a=b; Path=/"));
+    const Response response = Get("/file");
+    EXPECT_EQ(response.status, 200);
+    EXPECT_EQ(response.contentType, "text/plain");
+    EXPECT_EQ(response.effectiveUrl, m_server.Url("/file"));
+    EXPECT_THAT(response.cookies, ElementsAre(Pair("a", "b")));
+    EXPECT_THAT(response.headers, Contains(Pair("Content-Length", "5")));
+}
+
+TEST_F(CurlHttpClientTest, TakesAnEmptyBody) {
+    m_server.On("/file", Reply::Ok(""));
+    EXPECT_EQ(Get("/file").errorCode, 0);
+    EXPECT_THAT(m_progress, IsEmpty());
+}
+
+TEST_F(CurlHttpClientTest, TakesAStatusOf203) {
+    m_server.On("/file", Reply::Status(203, "hello"));
+    EXPECT_EQ(Get("/file").errorCode, 0);
+    EXPECT_EQ(m_data, "hello");
+}
+
+TEST_F(CurlHttpClientTest, TakesABodyInChunks) {
+    m_server.On("/file", Reply::Generated(100'000).Chunked());
+    EXPECT_EQ(Get("/file").errorCode, 0);
+    EXPECT_TRUE(m_data == GeneratedBytes(0, 100'000));
+}
+
+TEST_F(CurlHttpClientTest, TakesABodyThatEndsWithTheConnection) {
+    m_server.On("/file", Reply::Generated(100'000).WithoutLength());
+    EXPECT_EQ(Get("/file").errorCode, 0);
+    EXPECT_TRUE(m_data == GeneratedBytes(0, 100'000));
+}
+
+TEST_F(CurlHttpClientTest, StoresACodedBodyAsSent) {
+    m_server.On("/file", Reply::Gzip("hello hello hello hello"));
+    EXPECT_EQ(Get("/file").errorCode, 0);
+    EXPECT_EQ(m_data.substr(0, 2), "\x1f\x8b");
+    EXPECT_EQ(m_server.Requests()[0].Header("Accept-Encoding"), "");
+}
+
+// Progress
+
+TEST_F(CurlHttpClientTest, ReportsProgressUpToTheWhole) {
+    m_server.On("/file", Reply::Generated(1'000'000));
+    Get("/file");
+    ASSERT_FALSE(m_progress.empty());
+    EXPECT_EQ(m_progress.back(), (std::pair<std::size_t, std::size_t>(1'000'000, 1'000'000)));
+    for (std::size_t i = 1; i < m_progress.size(); ++i)
+        EXPECT_LT(m_progress[i - 1].first, m_progress[i].first);
+}
+
+TEST_F(CurlHttpClientTest, ReportsAnUnknownTotalAsTheLargestValue) {
+    m_server.On("/file", Reply::Ok("hello").Chunked());
+    Get("/file");
+    EXPECT_THAT(m_progress, ElementsAre(Pair(5, std::numeric_limits<std::size_t>::max())));
+}
+
+// What is sent
+
+TEST_F(CurlHttpClientTest, SendsHeadersAndCookies) {
+    m_server.On("/file", Reply::Ok("hello"));
+    Request request;
+    request.url = Url(m_server.Url("/file"));
+    request.headers = {{"X-One", "1"}, {"X-Empty", ""}};
+    request.cookies = {{"a", "b"}, {"c", "d"}};
+    m_client.get(request, m_options);
+    const auto sent = m_server.Requests().at(0);
+    EXPECT_EQ(sent.Header("X-One"), "1");
+    EXPECT_EQ(sent.Header("Cookie"), "a=b; c=d");
+    EXPECT_EQ(sent.Header("Range"), "");
+}
+
+TEST_F(CurlHttpClientTest, SendsNothingThatWouldBeginAnotherHeader) {
+    Request request;
+    request.url = Url(m_server.Url("/file"));
+    request.headers = {{"X-One", "1\r\nX-Two: 2"}};
+    EXPECT_EQ(m_client.get(request, m_options).errorCode, 1001);
+    EXPECT_THAT(m_server.Requests(), IsEmpty());
+}
+
+TEST_F(CurlHttpClientTest, SendsAnAddressAsABrowserDoes) {
+    m_server.On("/a%20b/%C3%A4?c%25", Reply::Ok("hello"));
+    EXPECT_EQ(Get("/a b/\xc3\xa4?c%#fragment").errorCode, 0);
+}
+
+TEST_F(CurlHttpClientTest, SendsNothingToAnInvalidAddress) {
+    for (const char* url : {"", "ftp://127.0.0.1/", "http://", "http://a\nb/"}) {
+        const Response response = GetUrl(url);
+        EXPECT_EQ(response.errorCode, 1001);
+        EXPECT_EQ(response.errorText, "");
+    }
+}
+
+// Statuses
+
+class CurlHttpClientStatusTest : public CurlHttpClientTest,
+                                 public testing::WithParamInterface<int> {};
+
+TEST_P(CurlHttpClientStatusTest, FailsWithItsTextAndDeliversNothing) {
+    m_server.On("/file", Reply::Status(GetParam(), "an error page"));
+    const Response response = Get("/file");
+    EXPECT_EQ(response.errorCode, 4);
+    EXPECT_EQ(response.status, GetParam());
+    EXPECT_THAT(response.errorText, HasSubstr("HTTP status " + std::to_string(GetParam())));
+    EXPECT_THAT(response.errorText, HasSubstr("127.0.0.1:" + std::to_string(m_server.Port())));
+    EXPECT_EQ(m_data, "");
+    EXPECT_EQ(response.body, "");
+    EXPECT_THAT(m_progress, IsEmpty());
+}
+
+INSTANTIATE_TEST_SUITE_P(Statuses, CurlHttpClientStatusTest,
+                         testing::Values(201, 206, 300, 400, 401, 403, 404, 408, 410, 416, 429, 500,
+                                         503));
+
+TEST_F(CurlHttpClientTest, FailsWithoutContent) {
+    m_server.On("/204", Reply::Raw("HTTP/1.1 204 No Content\r\n\r\n"));
+    m_server.On("/304", Reply::Raw("HTTP/1.1 304 Not Modified\r\n\r\n"));
+    EXPECT_EQ(Get("/204").errorCode, 4);
+    EXPECT_EQ(Get("/304").errorCode, 4);
+}
+
+TEST_F(CurlHttpClientTest, KeepsTheConnectionAfterAnErrorPage) {
+    m_server.On("/bad", Reply::Status(404, std::string(10'000, 'x')));
+    m_server.On("/good", Reply::Ok("hello"));
+    Get("/bad");
+    EXPECT_EQ(Get("/good").errorCode, 0);
+    EXPECT_EQ(m_server.ConnectionCount(), 1);
+}
+
+TEST_F(CurlHttpClientTest, DoesNotWaitForTheEndOfALongErrorPage) {
+    m_server.On("/bad", Reply::Status(404, std::string(10'000'000, 'x')).StallAt(1'000'000));
+    m_options.lowSpeedTime = 300;
+    const Response response = Get("/bad");
+    EXPECT_EQ(response.errorCode, 4);
+    EXPECT_EQ(response.status, 404);
+}
+
+// The truth about length
+
+TEST_F(CurlHttpClientTest, ReportsAShortBodyAsALostConnection) {
+    m_server.On("/file", Reply::Ok("hello").CutAfter(3));
+    const Response response = Get("/file");
+    EXPECT_EQ(response.errorCode, 8);
+    EXPECT_NE(response.errorText, "");
+    EXPECT_EQ(m_data, "hel");
+}
+
+TEST_F(CurlHttpClientTest, ReportsChunksCutShortAsALostConnection) {
+    m_server.On("/file", Reply::Generated(100'000).Chunked().CutAfter(50'000));
+    EXPECT_EQ(Get("/file").errorCode, 8);
+}
+
+TEST_F(CurlHttpClientTest, ReportsAMissingAnswerAsALostConnection) {
+    m_server.On("/file", Reply::Raw(""));
+    EXPECT_EQ(Get("/file").errorCode, 8);
+}
+
+class CurlHttpClientCutHeadTest : public CurlHttpClientTest,
+                                  public testing::WithParamInterface<const char*> {};
+
+TEST_P(CurlHttpClientCutHeadTest, IsALostConnection) {
+    m_server.On("/file", Reply::Raw(GetParam()));
+    const Response response = Get("/file");
+    EXPECT_EQ(response.errorCode, 8) << response.errorText;
+    EXPECT_NE(response.errorText, "");
+    EXPECT_EQ(m_data, "");
+}
+
+INSTANTIATE_TEST_SUITE_P(Heads, CurlHttpClientCutHeadTest,
+                         testing::Values("HTTP/1.1 200 OK\r\n", "HTTP/1.1 200 OK\r\nContent-Le",
+                                         "HTTP/1.1 200 OK\r\nContent-Length: 0\r\n",
+                                         "HTTP/1.1 100 Continue\r\n\r\n"));
+
+TEST_F(CurlHttpClientTest, RefusesTwoLengths) {
+    m_server.On("/file", Reply::Ok("hello").Header("Content-Length", "4"));
+    const Response response = Get("/file");
+    EXPECT_EQ(response.errorCode, 4);
+    EXPECT_THAT(response.errorText, HasSubstr("length"));
+    EXPECT_EQ(m_data, "");
+}
+
+TEST_F(CurlHttpClientTest, TakesNoMoreThanIsAnnounced) {
+    m_server.On("/file", Reply::Ok("hello and more").Announcing(5));
+    EXPECT_EQ(Get("/file").errorCode, 0);
+    EXPECT_EQ(m_data, "hello");
+}
+
+TEST_F(CurlHttpClientTest, FailsWhenTheServerSpeaksNoHttp) {
+    m_server.On("/file", Reply::Raw("\x01\x02 what is this?\n\n"));
+    EXPECT_EQ(Get("/file").errorCode, 4);
+    EXPECT_EQ(m_data, "");
+}
+
+// Redirects
+
+class CurlHttpClientRedirectTest : public CurlHttpClientTest,
+                                   public testing::WithParamInterface<int> {};
+
+TEST_P(CurlHttpClientRedirectTest, IsFollowed) {
+    m_server.On("/from", Reply::Redirect("/to", GetParam(), "moved"));
+    m_server.On("/to", Reply::Ok("hello"));
+    const Response response = Get("/from");
+    EXPECT_EQ(response.errorCode, 0);
+    EXPECT_EQ(m_data, "hello");
+    EXPECT_EQ(response.effectiveUrl, m_server.Url("/to"));
+}
+
+INSTANTIATE_TEST_SUITE_P(Statuses, CurlHttpClientRedirectTest,
+                         testing::Values(301, 302, 303, 307, 308));
+
+TEST_F(CurlHttpClientTest, FollowsFiftyRedirects) {
+    for (int i = 0; i < 50; ++i)
+        m_server.On("/" + std::to_string(i), Reply::Redirect("/" + std::to_string(i + 1)));
+    m_server.On("/50", Reply::Ok("hello"));
+    EXPECT_EQ(Get("/0").errorCode, 0);
+}
+
+TEST_F(CurlHttpClientTest, FollowsNoMoreThanFiftyRedirects) {
+    m_server.On("/loop", Reply::Redirect("/loop"));
+    const Response response = Get("/loop");
+    EXPECT_EQ(response.errorCode, 4);
+    EXPECT_THAT(response.errorText, HasSubstr("redirects"));
+    EXPECT_EQ(m_server.RequestCount("/loop"), 51u);
+}
+
+TEST_F(CurlHttpClientTest, FollowsNoRedirectToAnotherScheme) {
+    m_server.On("/file", Reply::Redirect("file:///etc/passwd"));
+    EXPECT_EQ(Get("/file").errorCode, 4);
+    EXPECT_EQ(m_data, "");
+}
+
+TEST_F(CurlHttpClientTest, FailsAtARedirectThatLeadsNowhere) {
+    m_server.On("/file", Reply::Status(302));
+    EXPECT_EQ(Get("/file").errorCode, 4);
+}
+
+TEST_F(CurlHttpClientTest, KeepsSecretsFromTheServerItIsRedirectedTo) {
+    ScriptedHttpServer other;
+    other.On("/to", Reply::Ok("hello"));
+    m_server.On("/from", Reply::Redirect(other.Url("/to")));
+    Request request;
+    request.url = Url(m_server.Url("/from"));
+    request.headers = {{"authorization", "secret"}, {"X-One", "1"}};
+    request.cookies = {{"a", "b"}};
+    EXPECT_EQ(m_client.get(request, m_options).errorCode, 0);
+    EXPECT_EQ(m_server.Requests().at(0).Header("Authorization"), "secret");
+    EXPECT_EQ(other.Requests().at(0).Header("Authorization"), "");
+    EXPECT_EQ(other.Requests().at(0).Header("Cookie"), "");
+    EXPECT_EQ(other.Requests().at(0).Header("X-One"), "1");
+}
+
+// Connections
+
+/// A port of loopback at which nobody listens.
+int DeadPort() {
+    const int socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof(address);
+    ::bind(socket, reinterpret_cast<sockaddr*>(&address), size);
+    ::getsockname(socket, reinterpret_cast<sockaddr*>(&address), &size);
+    ::close(socket);
+    return ntohs(address.sin_port);
+}
+
+TEST_F(CurlHttpClientTest, CannotConnectWhereNobodyListens) {
+    const std::string port = std::to_string(DeadPort());
+    const Response response = GetUrl("http://127.0.0.1:" + port + "/");
+    EXPECT_EQ(response.errorCode, 3);
+    EXPECT_THAT(response.errorText, HasSubstr("127.0.0.1"));
+    EXPECT_THAT(response.errorText, HasSubstr(port));
+}
+
+TEST_F(CurlHttpClientTest, CannotConnectToAHostThatDoesNotExist) {
+    const Response response = GetUrl("http://no-such-host.invalid/");
+    EXPECT_EQ(response.errorCode, 3);
+    EXPECT_THAT(response.errorText, HasSubstr("no-such-host.invalid"));
+}
+
+TEST_F(CurlHttpClientTest, CannotConnectThroughADeadProxy) {
+    m_options.proxy = "http://127.0.0.1:" + std::to_string(DeadPort());
+    m_server.On("/file", Reply::Ok("hello"));
+    EXPECT_EQ(Get("/file").errorCode, 3);
+    EXPECT_THAT(m_server.Requests(), IsEmpty());
+}
+
+TEST_F(CurlHttpClientTest, ReadsNoProxyFromTheEnvironment) {
+    const std::string dead = "http://127.0.0.1:" + std::to_string(DeadPort());
+    for (const char* name : {"http_proxy", "all_proxy", "ALL_PROXY"})
+        ::setenv(name, dead.c_str(), 1);
+    m_server.On("/file", Reply::Ok("hello"));
+    const int code = Get("/file").errorCode;
+    for (const char* name : {"http_proxy", "all_proxy", "ALL_PROXY"})
+        ::unsetenv(name);
+    EXPECT_EQ(code, 0);
+}
+
+TEST_F(CurlHttpClientTest, LetsNoEnvironmentKeepItFromTheProxy) {
+    ::setenv("no_proxy", "*", 1);
+    m_options.proxy = "http://127.0.0.1:" + std::to_string(DeadPort());
+    const int code = Get("/file").errorCode;
+    ::unsetenv("no_proxy");
+    EXPECT_EQ(code, 3);
+}
+
+TEST_F(CurlHttpClientTest, ReusesItsConnection) {
+    m_server.On("/file", Reply::Ok("hello"));
+    for (int i = 0; i < 20; ++i)
+        EXPECT_EQ(Get("/file").errorCode, 0);
+    EXPECT_EQ(m_server.ConnectionCount(), 1);
+}
+
+TEST_F(CurlHttpClientTest, ReusesConnectionsThatOtherThreadsHaveLeft) {
+    m_server.On("/file", Reply::Ok("hello"));
+    for (int i = 0; i < 5; ++i)
+        std::thread([this] { EXPECT_EQ(Get("/file").errorCode, 0); }).join();
+    EXPECT_EQ(m_server.ConnectionCount(), 1);
+}
+
+TEST_F(CurlHttpClientTest, ReplacesAConnectionThatTheServerHasClosed) {
+    m_server.On("/file", {Reply::Ok("one").ThenClose(), Reply::Ok("two")});
+    EXPECT_EQ(Get("/file").errorCode, 0);
+    EXPECT_EQ(Get("/file").errorCode, 0);
+    EXPECT_EQ(m_data, "onetwo");
+}
+
+TEST_F(CurlHttpClientTest, AsksAgainOnAFreshConnectionWhenAReusedOneTurnsOutToBeClosed) {
+    m_server.On("/file", {Reply::Ok("one"), Reply::Raw(""), Reply::Ok("two")});
+    EXPECT_EQ(Get("/file").errorCode, 0);
+    EXPECT_EQ(Get("/file").errorCode, 0);
+    EXPECT_EQ(m_data, "onetwo");
+    EXPECT_EQ(m_server.ConnectionCount(), 2);
+}
+
+TEST_F(CurlHttpClientTest, AsksOnAFreshConnectionOnlyOnce) {
+    m_server.On("/file", {Reply::Ok("one"), Reply::Raw("")});
+    EXPECT_EQ(Get("/file").errorCode, 0);
+    EXPECT_EQ(Get("/file").errorCode, 8);
+    EXPECT_EQ(m_server.RequestCount("/file"), 3u);
+}
+
+TEST(CurlHttpClient, OpensNoMoreConnectionsThanThreads) {
+    const Testing::TemporaryFolder folder;
+    const std::string content = Testing::SomeBytes(16 * 1024);
+    folder.Write("file", content);
+    const Testing::NginxServer server(folder / "", "add_header X-Connection $connection;");
+    CurlHttpClient client;
+    std::atomic<int> next{0};
+    std::map<std::string, int> connections;
+    Mutex mutex;
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 8; ++i) {
+        threads.emplace_back([&] {
+            while (next++ < 2000) {
+                Request request;
+                request.url = Url(server.Url("/file"));
+                Options options;
+                options.timeout = 3'600'000'000;
+                const Response response = client.get(request, options);
+                EXPECT_TRUE(response.body == content) << response.errorText;
+                const MutexLock lock(mutex);
+                for (const auto& [name, value] : response.headers) {
+                    if (name == "X-Connection")
+                        ++connections[value];
+                }
+            }
+        });
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+    // nginx closes a connection after 1000 requests.
+    std::size_t closedByServer = 0;
+    for (const auto& [connection, requests] : connections)
+        closedByServer += requests == 1000 ? 1 : 0;
+    EXPECT_LE(connections.size(), 8 + closedByServer);
+}
+
+TEST_F(CurlHttpClientTest, ServesManyThreadsAtOnce) {
+    m_server.On("/file", Reply::Generated(50'000));
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 64; ++i) {
+        threads.emplace_back([this] {
+            Request request;
+            request.url = Url(m_server.Url("/file"));
+            Options options;
+            options.timeout = 3'600'000'000;
+            const Response response = m_client.get(request, options);
+            EXPECT_TRUE(response.body == GeneratedBytes(0, 50'000)) << response.errorText;
+        });
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+}
+
+// Time
+
+TEST_F(CurlHttpClientTest, EndsWithCode15AtTheTimeout) {
+    m_server.On("/file", Reply::Silence());
+    m_options.timeout = 200'000;
+    const Response response = Get("/file");
+    EXPECT_EQ(response.errorCode, 15);
+    EXPECT_NE(response.errorText, "");
+}
+
+TEST_F(CurlHttpClientTest, SendsNothingWithoutTime) {
+    m_options.timeout = 0;
+    EXPECT_EQ(Get("/file").errorCode, 15);
+    EXPECT_EQ(m_server.ConnectionCount(), 0);
+}
+
+TEST_F(CurlHttpClientTest, ReportsAStallAsALostConnection) {
+    m_server.On("/file", Reply::Ok("hello").StallAt(3));
+    m_options.lowSpeedTime = 300;
+    const Response response = Get("/file");
+    EXPECT_EQ(response.errorCode, 8);
+    EXPECT_THAT(response.errorText, HasSubstr("stalled"));
+}
+
+TEST_F(CurlHttpClientTest, ReportsASilentServerAsALostConnection) {
+    m_server.On("/file", Reply::Silence());
+    m_options.lowSpeedTime = 300;
+    EXPECT_EQ(Get("/file").errorCode, 8);
+}
+
+/// A port of loopback at which connections are neither accepted nor refused: the listener's queue
+/// is full.
+class SilentPort {
+public:
+    SilentPort() {
+        m_address.sin_family = AF_INET;
+        m_address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t size = sizeof(m_address);
+        auto* const generic = reinterpret_cast<sockaddr*>(&m_address);
+        EXPECT_EQ(::bind(m_sockets.at(0), generic, size), 0);
+        EXPECT_EQ(::listen(m_sockets.at(0), 0), 0);
+        EXPECT_EQ(::getsockname(m_sockets.at(0), generic, &size), 0);
+        for (std::size_t i = 1; i < m_sockets.size(); ++i)
+            ::connect(m_sockets[i], generic, size);
+    }
+    ~SilentPort() {
+        for (const int socket : m_sockets)
+            ::close(socket);
+    }
+
+    SilentPort(const SilentPort&) = delete;
+    SilentPort& operator=(const SilentPort&) = delete;
+
+    std::string Url() const {
+        return "http://127.0.0.1:" + std::to_string(ntohs(m_address.sin_port)) + "/";
+    }
+
+private:
+    static int NewSocket() {
+        return ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    }
+
+    sockaddr_in m_address{};
+    const std::array<int, 5> m_sockets{NewSocket(), NewSocket(), NewSocket(), NewSocket(),
+                                       NewSocket()};
+};
+
+TEST_F(CurlHttpClientTest, CannotConnectWhereNobodyAnswersInTime) {
+    const SilentPort port;
+    m_options.connectTimeout = 1;
+    m_options.lowSpeedTime = 300;
+    EXPECT_EQ(GetUrl(port.Url()).errorCode, 3);
+}
+
+// Cancellation
+
+TEST_F(CurlHttpClientTest, AsksBeforeItConnects) {
+    m_cancel = true;
+    EXPECT_EQ(Get("/file").errorCode, 15);
+    EXPECT_EQ(m_server.ConnectionCount(), 0);
+}
+
+class CurlHttpClientCancelTest : public CurlHttpClientTest,
+                                 public testing::WithParamInterface<std::vector<Reply>> {
+protected:
+    /// Asked twenty times, then cancelled: at most 250 ms lie between one question and the next.
+    void CancelAfterTwentyQuestions(const std::string& url) {
+        std::vector<std::chrono::steady_clock::time_point> asked;
+        m_options.cancellationQuery = [&asked] {
+            asked.push_back(std::chrono::steady_clock::now());
+            return asked.size() == 20;
+        };
+        EXPECT_EQ(GetUrl(url).errorCode, 15);
+        ASSERT_THAT(asked, SizeIs(20));
+        EXPECT_LT(asked.back() - asked.front(), 20 * 250ms);
+    }
+};
+
+TEST_P(CurlHttpClientCancelTest, IsAskedForOftenWhateverIsWaitedFor) {
+    m_server.On("/file", GetParam());
+    m_options.resume = {true, 1'000'000};
+    CancelAfterTwentyQuestions(m_server.Url("/file"));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Phases, CurlHttpClientCancelTest,
+    testing::Values(std::vector<Reply>{Reply::Silence()},
+                    std::vector<Reply>{Reply::Ok("hello").StallAt(0)},
+                    std::vector<Reply>{Reply::Ok("hello").StallAt(3)},
+                    std::vector<Reply>{Reply::Generated(1 << 20).Drip(100, 10ms)},
+                    // Between two attempts, with longer and longer pauses.
+                    std::vector<Reply>{Reply::Ok("hello").Header("ETag", "\"1\"").CutAfter(3),
+                                       Reply::Raw("")}));
+
+TEST_F(CurlHttpClientCancelTest, IsAskedForOftenWhileConnecting) {
+    const SilentPort port;
+    CancelAfterTwentyQuestions(port.Url());
+}
+
+TEST_F(CurlHttpClientTest, SendsNothingMoreOnceCancelledBetweenTwoAttempts) {
+    m_server.On("/file", {Reply::Ok("hello").Header("ETag", "\"1\"").CutAfter(3), Reply::Raw("")});
+    m_options.resume = {true, 1'000'000};
+    m_options.cancellationQuery = [this] {
+        return m_server.RequestCount("/file") == 4;
+    };
+    EXPECT_EQ(Get("/file").errorCode, 15);
+    EXPECT_EQ(m_server.RequestCount("/file"), 4u);
+}
+
+// Exceptions
+
+TEST_F(CurlHttpClientTest, LetsOutWhatTheDataCallbackThrows) {
+    m_server.On("/file", Reply::Ok("hello"));
+    m_options.dataCallback = [](const std::string&) {
+        throw std::runtime_error("mine");
+    };
+    EXPECT_THROW(Get("/file"), std::runtime_error);
+}
+
+TEST_F(CurlHttpClientTest, LetsOutWhatTheDataCallbackThrowsInMidBody) {
+    m_server.On("/file", Reply::Generated(10'000'000));
+    m_options.dataCallback = [](const std::string&) {
+        throw 42;
+    };
+    EXPECT_THROW(Get("/file"), int);
+}
+
+TEST_F(CurlHttpClientTest, LetsOutWhatTheProgressCallbackThrows) {
+    m_server.On("/file", Reply::Ok("hello"));
+    m_options.progressCallback = [](std::size_t, std::size_t) {
+        throw std::runtime_error("mine");
+    };
+    EXPECT_THROW(Get("/file"), std::runtime_error);
+}
+
+TEST_F(CurlHttpClientTest, LetsOutWhatTheCancellationQueryThrows) {
+    m_options.cancellationQuery = []() -> bool {
+        throw std::runtime_error("mine");
+    };
+    EXPECT_THROW(Get("/file"), std::runtime_error);
+}
+
+TEST_F(CurlHttpClientTest, WorksAgainAfterAnException) {
+    m_server.On("/file", Reply::Ok("hello"));
+    m_options.progressCallback = [](std::size_t, std::size_t) {
+        throw std::runtime_error("mine");
+    };
+    EXPECT_THROW(Get("/file"), std::runtime_error);
+    m_options.progressCallback = nullptr;
+    m_data.clear();
+    EXPECT_EQ(Get("/file").errorCode, 0);
+    EXPECT_EQ(m_data, "hello");
+}
+
+// Resuming
+
+class CurlHttpClientResumeTest : public CurlHttpClientTest {
+protected:
+    static constexpr const char* kTag = "\"v1\"";
+
+    Reply First(std::size_t cutAfter) const {
+        return Reply::Ok(m_body).Header("ETag", kTag).CutAfter(cutAfter);
+    }
+    Reply Rest(std::size_t first) const {
+        return Reply::Status(206, m_body.substr(first))
+            .Header("Content-Range", "bytes " + std::to_string(first) + "-9/10");
+    }
+
+    const std::string m_body = "0123456789";
+};
+
+TEST_F(CurlHttpClientResumeTest, FetchesExactlyWhatIsMissing) {
+    m_server.On("/file", {First(4), Rest(4)});
+    const Response response = Get("/file");
+    EXPECT_EQ(response.errorCode, 0) << response.errorText;
+    EXPECT_EQ(m_data, m_body);
+    EXPECT_EQ(response.status, 200);
+    const auto second = m_server.Requests().at(1);
+    EXPECT_EQ(second.Header("Range"), "bytes=4-");
+    EXPECT_EQ(second.Header("If-Range"), kTag);
+}
+
+TEST_F(CurlHttpClientResumeTest, GoesOnWhileNewBytesCome) {
+    m_server.On("/file", {First(1), Rest(1).CutAfter(1), Rest(2).CutAfter(1), Rest(3).CutAfter(1),
+                          Rest(4).CutAfter(1), Rest(5)});
+    m_options.resume = {true, 1};
+    EXPECT_EQ(Get("/file").errorCode, 0);
+    EXPECT_EQ(m_data, m_body);
+}
+
+TEST_F(CurlHttpClientResumeTest, EndsAfterSoManyAttemptsWithoutANewByte) {
+    m_server.On("/file", {First(4), Reply::Raw("")});
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(Get("/file").errorCode, 8);
+    EXPECT_EQ(m_server.RequestCount("/file"), 4u);
+    // Pauses of 100, 200 and 400 ms.
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, 700ms);
+}
+
+TEST_F(CurlHttpClientResumeTest, CountsAttemptsWithoutANewByteAnewAfterOne) {
+    m_server.On("/file", {First(4), Reply::Raw(""), Rest(4).CutAfter(1), Reply::Raw(""), Rest(5)});
+    m_options.resume = {true, 2};
+    EXPECT_EQ(Get("/file").errorCode, 0);
+    EXPECT_EQ(m_data, m_body);
+}
+
+TEST_F(CurlHttpClientResumeTest, LetsProgressNeverGoBack) {
+    m_server.On("/file", {First(4), Rest(4).CutAfter(2), Rest(6)});
+    Get("/file");
+    EXPECT_THAT(m_progress, ElementsAre(Pair(4, 10), Pair(6, 10), Pair(10, 10)));
+}
+
+TEST_F(CurlHttpClientResumeTest, DoesNotResumeUnlessToldTo) {
+    m_options.resume = {false, 3};
+    m_server.On("/file", {First(4), Rest(4)});
+    EXPECT_EQ(Get("/file").errorCode, 8);
+    EXPECT_EQ(m_server.RequestCount("/file"), 1u);
+}
+
+TEST_F(CurlHttpClientResumeTest, DoesNotResumeWithoutAStrongValidator) {
+    m_server.On("/file", {Reply::Ok(m_body).Header("ETag", "W/\"v1\"").CutAfter(4), Rest(4)});
+    EXPECT_EQ(Get("/file").errorCode, 8);
+    EXPECT_EQ(m_server.RequestCount("/file"), 1u);
+}
+
+TEST_F(CurlHttpClientResumeTest, ResumesByAModificationTimeThatIsOldEnough) {
+    const std::string modified = "Sat, 21 Nov 2020 10:00:00 GMT";
+    m_server.On("/file", {Reply::Ok(m_body)
+                              .Header("Last-Modified", modified)
+                              .Header("Date", "Sat, 21 Nov 2026 10:00:00 GMT")
+                              .CutAfter(4),
+                          Rest(4)});
+    EXPECT_EQ(Get("/file").errorCode, 0);
+    EXPECT_EQ(m_server.Requests().at(1).Header("If-Range"), modified);
+}
+
+TEST_F(CurlHttpClientResumeTest, DoesNotResumeWhatWasLostBeforeItsFirstByte) {
+    m_server.On("/file", {First(0), Rest(0)});
+    EXPECT_EQ(Get("/file").errorCode, 8);
+    EXPECT_EQ(m_server.RequestCount("/file"), 1u);
+}
+
+TEST_F(CurlHttpClientResumeTest, ResumesChunksWhoseTotalItLearnsThen) {
+    m_server.On("/file", {Reply::Ok(m_body).Header("ETag", kTag).Chunked(2).CutAfter(4), Rest(4)});
+    EXPECT_EQ(Get("/file").errorCode, 0);
+    EXPECT_EQ(m_data, m_body);
+}
+
+TEST_F(CurlHttpClientResumeTest, GoesOnWhenThePartSentEndsEarly) {
+    m_server.On(
+        "/file",
+        {First(4), Reply::Status(206, "45").Header("Content-Range", "bytes 4-5/10"), Rest(6)});
+    EXPECT_EQ(Get("/file").errorCode, 0);
+    EXPECT_EQ(m_data, m_body);
+}
+
+class CurlHttpClientWrongRestTest : public CurlHttpClientResumeTest,
+                                    public testing::WithParamInterface<Reply> {};
+
+TEST_P(CurlHttpClientWrongRestTest, IsNeverAppended) {
+    m_server.On("/file", {First(4), GetParam()});
+    const Response response = Get("/file");
+    EXPECT_EQ(response.errorCode, 8);
+    EXPECT_EQ(m_data, "0123");
+    EXPECT_EQ(m_server.RequestCount("/file"), 2u);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Answers, CurlHttpClientWrongRestTest,
+    testing::Values(Reply::Ok("0123456789"), Reply::Status(206, "456789"),
+                    Reply::Status(206, "456789").Header("Content-Range", "bytes 3-8/10"),
+                    Reply::Status(206, "456789").Header("Content-Range", "bytes 4-9/11"),
+                    Reply::Status(206, "456789").Header("Content-Range", "bytes 4-9/*"),
+                    Reply::Status(416), Reply::Status(503), Reply::Redirect("/elsewhere")));
+
+// Uploads
+
+TEST_F(CurlHttpClientTest, PostsABodyAsItIs) {
+    m_server.On("/form", Reply::Status(201, "made"));
+    Request request;
+    request.url = Url(m_server.Url("/form"));
+    const std::string body("a\0b", 3);
+    const Response response = m_client.post(request, body, m_options);
+    EXPECT_EQ(response.errorCode, 0);
+    EXPECT_EQ(m_data, "made");
+    EXPECT_EQ(m_server.Requests().at(0).method, "POST");
+    EXPECT_EQ(m_server.Requests().at(0).body, body);
+}
+
+TEST_F(CurlHttpClientTest, PostsAForm) {
+    m_server.On("/form", Reply::Ok(""));
+    Request request;
+    request.url = Url(m_server.Url("/form"));
+    const MultiPart form{{{"field", "", "", "value"}, {"file", "a.bin", "image/png", "data"}}};
+    EXPECT_EQ(m_client.post(request, form, m_options).errorCode, 0);
+    const std::string body = m_server.Requests().at(0).body;
+    EXPECT_THAT(body, HasSubstr("name=\"field\"\r\n\r\nvalue\r\n"));
+    EXPECT_THAT(body, HasSubstr("name=\"file\"; filename=\"a.bin\"\r\nContent-Type: image/png"));
+}
+
+TEST_F(CurlHttpClientTest, ReportsARefusedUpload) {
+    m_server.On("/form", Reply::Status(403));
+    Request request;
+    request.url = Url(m_server.Url("/form"));
+    EXPECT_EQ(m_client.post(request, std::string("a"), m_options).errorCode, 4);
+}
+
+TEST_F(CurlHttpClientTest, FetchesAgainAfterAnUpload) {
+    m_server.On("/form", Reply::Ok(""));
+    m_server.On("/file", Reply::Ok("hello"));
+    Request request;
+    request.url = Url(m_server.Url("/form"));
+    m_client.post(request, std::string("a"), m_options);
+    EXPECT_EQ(Get("/file").errorCode, 0);
+    EXPECT_EQ(m_server.Requests().at(1).method, "GET");
+    EXPECT_EQ(m_server.ConnectionCount(), 1);
+}
+
+} // namespace
+} // namespace Halvex::Networking

@@ -1,0 +1,31 @@
+#pragma once
+
+#include <string>
+
+namespace Halvex::Testing {
+
+/// What a server shows and holds for TLS, in PEM format.
+struct ServerCertificate {
+    std::string certificate;
+    std::string privateKey;
+};
+
+/// A certificate authority that no system trusts, and what it has signed. All is valid until the
+/// year 2100 but for what is said to be otherwise.
+namespace TestAuthority {
+
+/// The authority's own certificate, for those who are to trust it.
+std::string Certificate();
+
+/// For 127.0.0.1 and localhost.
+ServerCertificate ForLoopback();
+/// For other.example.
+ServerCertificate ForAnotherHost();
+/// For 127.0.0.1 and localhost, until the year 2001.
+ServerCertificate Expired();
+/// For 127.0.0.1 and localhost, not signed by the authority.
+ServerCertificate SelfSigned();
+
+} // namespace TestAuthority
+
+} // namespace Halvex::Testing
