@@ -581,7 +581,7 @@ TEST_P(HttpClientNetworkContractTest, TakesNoMoreThanIsAnnounced) {
 
 TEST_P(HttpClientNetworkContractTest, TakesNoCutBodyForAWholeOne) {
     const Reply body = Reply::Generated(100'000);
-    for (const std::uint64_t end : {0, 1, 50'000, 99'999}) {
+    for (const std::uint64_t end : std::initializer_list<std::uint64_t>{0, 1, 50'000, 99'999}) {
         m_server.On("/file", Reply(body).CutAfter(end));
         const Response response = Get("/file");
         EXPECT_EQ(response.errorCode, m_expected.lostConnection) << end;

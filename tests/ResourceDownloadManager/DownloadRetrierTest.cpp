@@ -375,6 +375,14 @@ TEST_F(DownloadRetrierTest, AnswersWaitAndRetriedInTurnWhenLost) {
                                         Result::Retried, Result::NothingToRetry));
 }
 
+TEST_F(DownloadRetrierTest, DoesNotWaitAnewForWhatFailsDuringAWait) {
+    Retry(m_a, 3);
+    Fail(m_a);
+    EXPECT_EQ(m_retrier.Check(), Result::Wait);
+    Fail(m_b);
+    EXPECT_EQ(m_retrier.Check(), Result::Retried);
+}
+
 TEST_F(DownloadRetrierTest, SchedulesNothingOnWait) {
     Retry(m_a, 3);
     Fail(m_b);
