@@ -39,7 +39,7 @@ TEST_F(SpeedMeterTest, ForgetsWhatLiesBack) {
 
 TEST_F(SpeedMeterTest, KeepsTheWholeWindow) {
     AddAt(seconds(0), 0);
-    AddAt(seconds(1), 100);
+    AddAt(seconds(1), 300);
     AddAt(seconds(3), 300);
     EXPECT_DOUBLE_EQ(meter.PerSecond(), 100);
 }

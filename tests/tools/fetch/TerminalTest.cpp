@@ -1,5 +1,6 @@
 #include "FetchProcess.h"
 #include "support/NginxServer.h"
+#include "support/ScriptedHttpServer.h"
 
 #include <gmock/gmock.h>
 
@@ -144,6 +145,12 @@ TEST_F(TerminalTest, KeepsErrorsAboveTheBars) {
     ASSERT_NE(error, lines.end());
     EXPECT_THAT(*error, testing::StartsWith("E")) << "a line of its own";
     EXPECT_THAT(lines.back(), HasSubstr("1 file available, 1 failed"));
+}
+
+TEST_F(TerminalTest, TakesTheBarsAwayBeforeAnError) {
+    ScriptedHttpServer slow;
+    slow.On("/missing", Reply::Status(404, "0123456789").Drip(1, std::chrono::milliseconds(50)));
+    EXPECT_THAT(Show(80, {slow.Url("/missing")}), HasSubstr("\x1b[1A\r\x1b[JE"));
 }
 
 TEST_F(TerminalTest, ShowsLinesWhenPlainIsAskedFor) {
