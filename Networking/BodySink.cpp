@@ -12,17 +12,21 @@ constexpr std::size_t kPieceBytes = 256 * 1024;
 
 } // namespace
 
-void BodySink::Take(std::string_view bytes) {
+bool BodySink::Take(std::string_view bytes) {
+    const auto room = static_cast<std::uint64_t>(m_end - m_received);
+    const bool fits = bytes.size() <= room;
+    bytes = bytes.substr(0, room);
     m_received += static_cast<std::int64_t>(bytes.size());
     if (!m_options.dataCallback) {
         m_body.append(bytes);
-        return;
+        return fits;
     }
     if (m_pending.empty())
         m_pending.reserve(kPieceBytes + bytes.size());
     m_pending.append(bytes);
     if (m_pending.size() >= kPieceBytes)
         Flush();
+    return fits;
 }
 
 void BodySink::Flush() {

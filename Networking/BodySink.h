@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <limits>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -25,7 +26,10 @@ public:
     /// What has arrived so far.
     std::int64_t ReceivedBytes() const { return m_received; }
 
-    void Take(std::string_view bytes);
+    /// The resource's first byte that the present response must not bring.
+    void SetEnd(std::int64_t end) { m_end = end; }
+    /// False: these are more than there may be. Those that may be are taken.
+    bool Take(std::string_view bytes);
     /// Hands on what is still held back. At the end, and now and then on the way.
     void Flush();
     /// Tells how far it is, if that has changed since the last time.
@@ -36,6 +40,7 @@ private:
     std::string& m_body;
     std::string m_pending;
     std::optional<std::int64_t> m_total;
+    std::int64_t m_end = std::numeric_limits<std::int64_t>::max();
     std::int64_t m_received = 0;
     std::int64_t m_reported = 0;
 };

@@ -1,7 +1,13 @@
 #include "Networking/BrowserUrl.h"
 
+#include <curl/curl.h>
+
+#include <QtCore/QString>
+#include <QtCore/QUrl>
+
 #include <algorithm>
 #include <cctype>
+#include <memory>
 #include <string_view>
 
 namespace Halvex::Networking {
@@ -39,6 +45,12 @@ std::string LowerCase(std::string text) {
     return text;
 }
 
+/// The end of the scheme; none is there in an address that is relative to another.
+std::size_t SchemeEnd(const std::string& url) {
+    const std::size_t end = url.find("://");
+    return url.find_first_of("/?#") == end + 1 ? end : std::string::npos;
+}
+
 /// Where host and port begin and end: behind the scheme, before the path.
 struct Authority {
     std::size_t begin;
@@ -46,24 +58,61 @@ struct Authority {
 };
 
 Authority AuthorityOf(const std::string& url) {
-    const std::size_t schemeEnd = url.find("://");
-    const std::size_t begin = schemeEnd == std::string::npos ? 0 : schemeEnd + 3;
+    const std::size_t schemeEnd = SchemeEnd(url);
+    if (schemeEnd == std::string::npos)
+        return {0, 0};
+    const std::size_t begin = schemeEnd + 3;
     return {begin, std::min(url.find_first_of("/?#", begin), url.size())};
 }
+
+bool IsAscii(const std::string& text) {
+    return std::all_of(text.begin(), text.end(),
+                       [](char character) { return static_cast<unsigned char>(character) < 0x80; });
+}
+
+/// Host and port, with or without user name, as DNS takes them.
+std::string AsciiAuthority(const std::string& authority) {
+    if (IsAscii(authority))
+        return authority;
+    const std::size_t begin = authority.rfind('@') + 1;
+    const std::size_t end = std::min(authority.find(':', begin), authority.size());
+    const QByteArray host =
+        QUrl::toAce(QString::fromStdString(authority.substr(begin, end - begin)));
+    return authority.substr(0, begin) + host.toStdString() + authority.substr(end);
+}
+
+struct FreeUrl {
+    void operator()(CURLU* url) const { curl_url_cleanup(url); }
+};
 
 } // namespace
 
 std::string BrowserUrl(const std::string& url) {
-    const std::size_t pathBegin = AuthorityOf(url).end;
-    const std::string_view text = std::string_view(url).substr(0, url.find('#', pathBegin));
-    std::string encoded(text.substr(0, pathBegin));
-    for (std::size_t index = pathBegin; index < text.size(); ++index) {
+    const Authority authority = AuthorityOf(url);
+    const std::string_view text = std::string_view(url).substr(0, url.find('#', authority.end));
+    std::string encoded =
+        url.substr(0, authority.begin) +
+        AsciiAuthority(url.substr(authority.begin, authority.end - authority.begin));
+    for (std::size_t index = authority.end; index < text.size(); ++index) {
         if (MustBeEncoded(text.substr(index)))
             AppendEncoded(encoded, text[index]);
         else
             encoded += text[index];
     }
     return encoded;
+}
+
+std::string ResolvedUrl(const std::string& base, const std::string& reference) {
+    const std::unique_ptr<CURLU, FreeUrl> url(curl_url());
+    char* text = nullptr;
+    if (!url || curl_url_set(url.get(), CURLUPART_URL, BrowserUrl(base).c_str(), 0) != CURLUE_OK ||
+        curl_url_set(url.get(), CURLUPART_URL, BrowserUrl(reference).c_str(),
+                     CURLU_NON_SUPPORT_SCHEME) != CURLUE_OK ||
+        curl_url_get(url.get(), CURLUPART_URL, &text, 0) != CURLUE_OK)
+        return reference;
+    std::string resolved = text;
+    curl_free(text);
+    return resolved;
 }
 
 std::string SchemeOf(const std::string& url) {

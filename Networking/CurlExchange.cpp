@@ -52,8 +52,9 @@ ExchangeEnd ToExchangeEnd(CURLcode code, bool connected) {
     case CURLE_COULDNT_RESOLVE_HOST:
     case CURLE_COULDNT_CONNECT:
     case CURLE_PROXY:
-        return ExchangeEnd::NoConnect;
+    // curl is told of no other time-out than that for connecting.
     case CURLE_OPERATION_TIMEDOUT:
+        return ExchangeEnd::NoConnect;
     case CURLE_SEND_ERROR:
     case CURLE_RECV_ERROR:
         return connected ? ExchangeEnd::Lost : ExchangeEnd::NoConnect;
@@ -87,13 +88,15 @@ CurlExchange::CurlExchange(CurlHandle& handle, const Options& options, StopQuery
 }
 
 ExchangeEnd CurlExchange::Run() {
-    m_handle.tlsEnded = false;
     curl_multi_add_handle(m_handle.multi, m_handle.easy);
     try {
         Drive();
     } catch (...) {
         m_exception = std::current_exception();
     }
+    m_handle.plainSocket = CURL_SOCKET_BAD;
+    if (!IsOverTls())
+        curl_easy_getinfo(m_handle.easy, CURLINFO_ACTIVESOCKET, &m_handle.plainSocket);
     curl_multi_remove_handle(m_handle.multi, m_handle.easy);
     if (m_exception)
         std::rethrow_exception(m_exception);
@@ -135,17 +138,23 @@ bool CurlExchange::HasEnded() {
         m_end = ExchangeEnd::NoConnect;
     else
         m_end = ToExchangeEnd(code, IsConnected());
-    if (code != CURLE_OK) {
+    if (code != CURLE_OK)
         m_errorText = m_curlText[0] != '\0' ? m_curlText : curl_easy_strerror(code);
-    } else if (!m_judged) {
-        // curl is content with a head that ends early.
-        m_end = ExchangeEnd::Lost;
-        m_errorText = "the connection was closed before the response's headers were complete";
-    } else if (HasDelivered() && m_head.EndsWithConnection() && IsOverTls() && !m_handle.tlsEnded) {
-        m_end = ExchangeEnd::Lost;
-        m_errorText = "the connection was closed without the end that TLS demands";
-    }
+    if (m_end == ExchangeEnd::Complete && !m_judged)
+        Lose("the connection was closed before the response's headers were complete");
+    else if (m_end == ExchangeEnd::Complete && HasDelivered() && m_head.EndsWithConnection() &&
+             IsOverTls() && !m_handle.tlsEnded)
+        Lose("the connection was closed without the end that TLS demands");
+    else if (m_end == ExchangeEnd::Lost)
+        Lose(m_errorText);
     return true;
+}
+
+/// The connection is lost, unless all that matters has come.
+void CurlExchange::Lose(const std::string& text) {
+    const bool statusSaysAll = m_judged && m_verdict == Verdict::Discard;
+    m_end = statusSaysAll ? ExchangeEnd::Complete : ExchangeEnd::Lost;
+    m_errorText = text;
 }
 
 bool CurlExchange::IsStopped(StopQuery::Answer answer) {
@@ -154,12 +163,16 @@ bool CurlExchange::IsStopped(StopQuery::Answer answer) {
         m_errorText = StopQuery::Reason(answer);
         return true;
     }
-    if (!IsConnected() ||
-        !m_stall.IsStalled(StopQuery::Clock::now(), m_sink.ReceivedBytes() + m_discarded))
+    if (!IsConnected() || !m_stall.IsStalled(StopQuery::Clock::now(), TransferredBytes()))
         return false;
-    m_end = ExchangeEnd::Lost;
-    m_errorText = "the transfer has stalled";
+    Lose("the transfer has stalled");
     return true;
+}
+
+std::int64_t CurlExchange::TransferredBytes() const {
+    curl_off_t sent = 0;
+    curl_easy_getinfo(m_handle.easy, CURLINFO_SIZE_UPLOAD_T, &sent);
+    return m_sink.ReceivedBytes() + m_discarded + sent;
 }
 
 bool CurlExchange::IsOverTls() const {
@@ -202,10 +215,13 @@ std::size_t CurlExchange::OnBody(char* data, std::size_t size, std::size_t count
 }
 
 bool CurlExchange::TakeHeaderLine(std::string_view line) {
-    const bool wasComplete = m_head.IsComplete();
+    // What follows the body are trailers, whatever they look like.
+    if (m_judged)
+        return true;
     m_head.AddLine(line);
-    const bool isFinal = m_head.IsComplete() && !wasComplete && m_head.Status() >= 200;
-    if (!isFinal)
+    // The connection that answers is alive; the one that was tried before it may have ended.
+    m_handle.tlsEnded = false;
+    if (!m_head.IsComplete() || m_head.Status() < 200)
         return true;
     m_judged = true;
     m_verdict = m_judge(m_head, m_errorText);
@@ -217,10 +233,8 @@ bool CurlExchange::TakeHeaderLine(std::string_view line) {
 }
 
 bool CurlExchange::TakeBody(std::string_view bytes) {
-    if (m_verdict == Verdict::Deliver) {
-        m_sink.Take(bytes);
-        return true;
-    }
+    if (m_verdict == Verdict::Deliver)
+        return TakeDelivered(bytes);
     m_discarded += static_cast<std::int64_t>(bytes.size());
     if (m_discarded <= kMostDiscardedBytes)
         return true;
@@ -228,6 +242,21 @@ bool CurlExchange::TakeBody(std::string_view bytes) {
     m_decided = true;
     m_end = ExchangeEnd::Complete;
     return false;
+}
+
+bool CurlExchange::TakeDelivered(std::string_view bytes) {
+    if (!m_sink.Take(bytes)) {
+        m_decided = true;
+        m_end = ExchangeEnd::Failed;
+        m_errorText = "the server sent more than it had announced";
+        return false;
+    }
+    // While bytes keep coming, curl does not return to Drive, however long they take.
+    if (m_stop.NextIn().count() > 0)
+        return true;
+    m_sink.ReportProgress();
+    m_decided = IsStopped(m_stop.Ask());
+    return !m_decided;
 }
 
 } // namespace Halvex::Networking

@@ -102,9 +102,12 @@ private:
 
     bool TakeHeaderLine(std::string_view line);
     bool TakeBody(std::string_view bytes);
+    bool TakeDelivered(std::string_view bytes);
     void Drive();
     bool HasEnded();
+    void Lose(const std::string& text);
     bool IsStopped(StopQuery::Answer answer);
+    std::int64_t TransferredBytes() const;
     bool IsOverTls() const;
     bool IsConnected() const;
 

@@ -6,6 +6,7 @@
 #include <new>
 #include <utility>
 
+#include <poll.h>
 #include <signal.h>
 
 namespace Halvex::Networking {
@@ -72,6 +73,11 @@ void CurlHandle::WatchTlsEnd() {
     curl_easy_setopt(easy, CURLOPT_SSL_CTX_DATA, this);
 }
 
+bool CurlHandle::HasUnaskedData() const {
+    pollfd query{plainSocket, POLLIN, 0};
+    return plainSocket != CURL_SOCKET_BAD && ::poll(&query, 1, 0) != 0;
+}
+
 CurlHandlePool::CurlHandlePool()
     : m_share((InitialiseCurl(), OrBadAlloc<void>(curl_share_init()))) {
     curl_share_setopt(m_share, CURLSHOPT_USERDATA, this);
@@ -91,17 +97,21 @@ CurlHandlePool::~CurlHandlePool() {
 }
 
 std::unique_ptr<CurlHandle> CurlHandlePool::Borrow() {
-    std::unique_ptr<CurlHandle> handle;
-    {
-        const MutexLock lock(m_mutex);
-        if (!m_idle.empty()) {
-            handle = std::move(m_idle.back());
-            m_idle.pop_back();
-        }
-    }
+    std::unique_ptr<CurlHandle> handle = TakeIdle();
+    while (handle && handle->HasUnaskedData())
+        handle = TakeIdle();
     if (!handle)
         handle = std::make_unique<CurlHandle>();
     curl_easy_setopt(handle->easy, CURLOPT_SHARE, m_share);
+    return handle;
+}
+
+std::unique_ptr<CurlHandle> CurlHandlePool::TakeIdle() {
+    const MutexLock lock(m_mutex);
+    if (m_idle.empty())
+        return nullptr;
+    std::unique_ptr<CurlHandle> handle = std::move(m_idle.back());
+    m_idle.pop_back();
     return handle;
 }
 

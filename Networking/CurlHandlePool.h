@@ -24,9 +24,16 @@ struct CurlHandle {
 
     CURL* const easy;
     CURLM* const multi;
+    /// Whether a connection that is kept for later has been spoken to by the server meanwhile, or
+    /// closed: what waits there is not the answer to the next request. Not told of TLS, whose own
+    /// messages may come at any time.
+    bool HasUnaskedData() const;
+
     /// Set when a server says, by TLS, that it has sent all: without that a connection that ends
     /// has been cut, which curl does not tell.
     bool tlsEnded = false;
+    /// The socket of the latest exchange without TLS, which curl may have closed since.
+    curl_socket_t plainSocket = CURL_SOCKET_BAD;
 };
 
 /// The handles of one client. They outlive the threads that use them, so that a connection is
@@ -41,12 +48,13 @@ public:
     CurlHandlePool(const CurlHandlePool&) = delete;
     CurlHandlePool& operator=(const CurlHandlePool&) = delete;
 
-    /// The handle that was given back last, whose connection is the most likely to be alive, or a
-    /// new one. Its options are the defaults.
+    /// Of the handles with nothing unasked for the one that was given back last, whose connection
+    /// is the most likely to be alive, or a new one. Its options are the defaults.
     std::unique_ptr<CurlHandle> Borrow() EXCLUDES(m_mutex);
     void GiveBack(std::unique_ptr<CurlHandle> handle) EXCLUDES(m_mutex);
 
 private:
+    std::unique_ptr<CurlHandle> TakeIdle() EXCLUDES(m_mutex);
     static void Lock(CURL* easy, curl_lock_data data, curl_lock_access access, void* pool);
     static void Unlock(CURL* easy, curl_lock_data data, void* pool);
 

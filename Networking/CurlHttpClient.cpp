@@ -64,7 +64,8 @@ std::string CurlProxy(const std::string& proxy) {
 
 bool IsSensitive(const std::string& header) {
     return curl_strequal(header.c_str(), "Authorization") != 0 ||
-           curl_strequal(header.c_str(), "Cookie") != 0;
+           curl_strequal(header.c_str(), "Cookie") != 0 ||
+           curl_strequal(header.c_str(), "Host") != 0;
 }
 
 bool IsRedirect(std::int32_t status) {
@@ -127,19 +128,18 @@ private:
 
     /// Goes to where the response points. False: nobody should.
     bool Redirect() {
-        char* target = nullptr;
-        curl_easy_getinfo(m_handle.Easy(), CURLINFO_REDIRECT_URL, &target);
-        if (target == nullptr) {
+        const std::string location = m_head.Find("Location");
+        if (location.empty()) {
             Fail("HTTP status " + m_head.StatusText() + " that leads nowhere");
             return false;
         }
-        const std::string next = target;
+        const std::string next = ResolvedUrl(m_url, location);
         if (!Url(next).isValid()) {
-            Fail("redirected to " + next + ", which is not an http or https address");
+            Fail("redirected to " + OriginOf(next) + ", which is not an http or https address");
             return false;
         }
         if (SchemeOf(m_url) == "https" && SchemeOf(next) == "http") {
-            Fail("redirected from https to " + next);
+            Fail("redirected from https to " + OriginOf(next));
             return false;
         }
         m_url = next;
@@ -148,9 +148,9 @@ private:
 
     /// Fetches what is missing, for as long as that brings something.
     void Resume() {
-        const std::string validator = m_head.StrongValidator();
+        m_validator = m_head.StrongValidator();
         if (!m_options.resume.first || !m_delivered || m_sink.ReceivedBytes() == 0 ||
-            validator.empty())
+            m_validator.empty())
             return;
         const ResponseHead first = m_head;
         std::int32_t fruitless = 0;
@@ -158,7 +158,7 @@ private:
             if (!Pause(fruitless))
                 break;
             const std::int64_t before = m_sink.ReceivedBytes();
-            Exchange([&](CURL* easy) { AskForRest(easy, validator); },
+            Exchange([this](CURL* easy) { AskForRest(easy); },
                      [this](const ResponseHead& head, std::string& reason) {
                          return JudgeRest(head, reason);
                      });
@@ -188,19 +188,17 @@ private:
         return true;
     }
 
-    void AskForRest(CURL* easy, const std::string& validator) {
+    void AskForRest(CURL* easy) {
         curl_easy_setopt(easy, CURLOPT_RANGE,
                          (std::to_string(m_sink.ReceivedBytes()) + "-").c_str());
-        AddHeader("If-Range: " + validator);
+        AddHeader("If-Range: " + m_validator);
     }
 
     Verdict JudgeGet(const ResponseHead& head, std::string& reason) {
         if (head.Status() != 200 && head.Status() != 203)
             return Verdict::Discard;
-        if (head.HasBrokenLength()) {
-            reason = "the server announced a length that cannot be: " + head.Find("Content-Length");
+        if (JudgeLength(head, reason) == Verdict::Refuse)
             return Verdict::Refuse;
-        }
         const std::string length = head.Find("Content-Length");
         if (!length.empty() && head.Find("Transfer-Encoding").empty())
             m_sink.SetTotal(std::stoll(length));
@@ -209,10 +207,12 @@ private:
 
     Verdict JudgeRest(const ResponseHead& head, std::string& reason) {
         const auto range = head.Range();
+        // Without a total the part could be all that the server wants to send, or not.
         if (head.Status() == 206 && range && range->first == m_sink.ReceivedBytes() &&
-            (!m_sink.Total() || range->total == m_sink.Total()) && !head.HasBrokenLength()) {
-            if (range->total)
-                m_sink.SetTotal(*range->total);
+            range->total && *range->total == m_sink.Total().value_or(*range->total) &&
+            IsSameVersion(head)) {
+            m_sink.SetTotal(*range->total);
+            m_sink.SetEnd(range->last + 1);
             return Verdict::Deliver;
         }
         reason = "the connection was lost after " + std::to_string(m_sink.ReceivedBytes()) +
@@ -221,8 +221,21 @@ private:
         return Verdict::Refuse;
     }
 
-    Verdict JudgePost(const ResponseHead& head, std::string&) {
-        return head.Status() < 300 ? Verdict::Deliver : Verdict::Discard;
+    /// Some servers send a part whatever If-Range says.
+    bool IsSameVersion(const ResponseHead& head) const {
+        const std::string now = head.Find(m_validator.front() == '"' ? "ETag" : "Last-Modified");
+        return now.empty() || now == m_validator;
+    }
+
+    Verdict JudgePost(const ResponseHead& head, std::string& reason) {
+        return head.Status() < 300 ? JudgeLength(head, reason) : Verdict::Discard;
+    }
+
+    static Verdict JudgeLength(const ResponseHead& head, std::string& reason) {
+        if (!head.HasBrokenLength())
+            return Verdict::Deliver;
+        reason = "the server announced a length that cannot be: " + head.Find("Content-Length");
+        return Verdict::Refuse;
     }
 
     void Exchange(const std::function<void(CURL*)>& prepare, CurlExchange::Judge judge) {
@@ -340,6 +353,9 @@ private:
     std::string m_encodedUrl;
     std::unique_ptr<curl_slist, FreeList> m_headers;
     std::string m_cookies;
+
+    /// The version of the resource that the first bytes are of.
+    std::string m_validator;
 
     /// How the latest exchange ended.
     ExchangeEnd m_end = ExchangeEnd::Failed;

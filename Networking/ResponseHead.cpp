@@ -108,7 +108,13 @@ bool ResponseHead::HasBrokenLength() const {
 }
 
 bool ResponseHead::EndsWithConnection() const {
-    return m_isHttp1 && Find("Content-Length").empty() && Find("Transfer-Encoding").empty();
+    constexpr std::string_view kChunked = "chunked";
+    const std::string coding = Find("Transfer-Encoding");
+    if (!m_isHttp1 || (coding.empty() && !Find("Content-Length").empty()))
+        return false;
+    const std::string_view last =
+        std::string_view(coding).substr(coding.size() - std::min(coding.size(), kChunked.size()));
+    return last.size() < kChunked.size() || !EqualIgnoringCase(last, kChunked);
 }
 
 std::string ResponseHead::StrongValidator() const {
@@ -129,9 +135,17 @@ std::optional<ResponseHead::ContentRange> ResponseHead::Range() const {
         return std::nullopt;
     const std::string_view text = value;
     const auto first = ParseNumber(Trimmed(text.substr(kUnit.size(), dash - kUnit.size())));
-    if (!first)
+    const auto last = ParseNumber(Trimmed(text.substr(dash + 1, slash - dash - 1)));
+    const auto total = ParseNumber(Trimmed(text.substr(slash + 1)));
+    if (!first || !last || *last < *first || (total && *total <= *last))
         return std::nullopt;
-    return ContentRange{*first, ParseNumber(Trimmed(text.substr(slash + 1)))};
+    const std::string length = Find("Content-Length");
+    const bool isWholePart =
+        length.empty() || ParseNumber(length) == std::optional(*last - *first + 1);
+    const bool isOnePart = Find("Content-Type").compare(0, 10, "multipart/") != 0;
+    if (!isWholePart || !isOnePart || HasBrokenLength())
+        return std::nullopt;
+    return ContentRange{*first, *last, total};
 }
 
 } // namespace Halvex::Networking

@@ -16,7 +16,9 @@ class ResponseHead {
 public:
     /// The part of a resource that a 206 brings.
     struct ContentRange {
+        /// The first byte that it brings and the last one.
         std::int64_t first;
+        std::int64_t last;
         /// The size of the whole resource in bytes; empty when the server did not tell.
         std::optional<std::int64_t> total;
     };
@@ -49,7 +51,8 @@ public:
     /// entity tag, or a modification time that is old enough to be one. Empty: there is none.
     std::string StrongValidator() const;
 
-    /// The part that this response brings, when it says so in a way that can be understood.
+    /// The part that this response brings, when it says so in a way that can be understood and
+    /// that nothing else in the head contradicts.
     std::optional<ContentRange> Range() const;
 
 private:

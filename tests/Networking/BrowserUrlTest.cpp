@@ -44,5 +44,24 @@ TEST(OriginOf, IsSchemeHostAndPort) {
     EXPECT_EQ(OriginOf("https://host?query"), "https://host");
 }
 
+TEST(BrowserUrl, GivesAHostOutsideAsciiItsDnsForm) {
+    EXPECT_EQ(BrowserUrl("http://user@b\xC3\xBC"
+                         "cher.example:80/\xC3\xA4"),
+              "http://user@xn--bcher-kva.example:80/%C3%A4");
+}
+
+TEST(BrowserUrl, EncodesARelativeAddressFromItsBegin) {
+    EXPECT_EQ(BrowserUrl("a b?c=http://d/e f"), "a%20b?c=http://d/e%20f");
+}
+
+TEST(ResolvedUrl, LeadsWhereABrowserGoes) {
+    const std::string base = "http://host:80/a/b?c";
+    EXPECT_EQ(ResolvedUrl(base, "d e"), "http://host:80/a/d%20e");
+    EXPECT_EQ(ResolvedUrl(base, "/d"), "http://host:80/d");
+    EXPECT_EQ(ResolvedUrl(base, "//other/d"), "http://other/d");
+    EXPECT_EQ(ResolvedUrl(base, "https://other/d"), "https://other/d");
+    EXPECT_EQ(ResolvedUrl(base, "ftp://other/d"), "ftp://other/d");
+}
+
 } // namespace
 } // namespace Halvex::Networking

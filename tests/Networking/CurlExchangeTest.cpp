@@ -26,7 +26,7 @@ INSTANTIATE_TEST_SUITE_P(
                     Row{CURLE_COULDNT_CONNECT, false, ExchangeEnd::NoConnect},
                     Row{CURLE_PROXY, false, ExchangeEnd::NoConnect},
                     Row{CURLE_OPERATION_TIMEDOUT, false, ExchangeEnd::NoConnect},
-                    Row{CURLE_OPERATION_TIMEDOUT, true, ExchangeEnd::Lost},
+                    Row{CURLE_OPERATION_TIMEDOUT, true, ExchangeEnd::NoConnect},
                     Row{CURLE_SEND_ERROR, false, ExchangeEnd::NoConnect},
                     Row{CURLE_SEND_ERROR, true, ExchangeEnd::Lost},
                     Row{CURLE_RECV_ERROR, false, ExchangeEnd::NoConnect},

@@ -3,13 +3,16 @@
 #include "support/NginxServer.h"
 #include "support/ScriptedHttpServer.h"
 #include "support/TemporaryFolder.h"
+#include "support/Waiting.h"
 
 #include <gmock/gmock.h>
 
 #include <algorithm>
 #include <atomic>
+#include <iomanip>
 #include <map>
 #include <optional>
+#include <sstream>
 #include <thread>
 
 #include <sys/socket.h>
@@ -135,6 +138,35 @@ TEST_F(CurlHttpClientTlsTest, DoesNotTakeABodyForWholeWhenTheConnectionWasCut) {
     const Response response = Get(server->SecureUrl("/file"));
     EXPECT_EQ(response.errorCode, 8);
     EXPECT_THAT(response.errorText, HasSubstr("TLS"));
+    EXPECT_EQ(m_data, "whole cont");
+}
+
+/// Whether the system knows of a connection to the port that the server has closed.
+bool HasClosedConnectionTo(int port) {
+    std::ostringstream address;
+    address << "0100007F:" << std::uppercase << std::hex << std::setw(4) << std::setfill('0')
+            << port << " 08 ";
+    return Testing::ReadFile(ioPath("/proc/self/net/tcp")).find(address.str()) != std::string::npos;
+}
+
+TEST_F(CurlHttpClientTlsTest, DoesNotTakeTheEndOfAnIdleConnectionForThatOfTheNext) {
+    ScriptedHttpServer scripted;
+    scripted.On("/whole", Reply::Ok("whole "));
+    scripted.On("/file", Reply::Ok("content").WithoutLength().StallAt(4));
+    std::optional<NginxServer> server;
+    server.emplace(m_folder / "",
+                   "keepalive_timeout 1s; location / { proxy_buffering off; proxy_pass " +
+                       scripted.Url("") + "; } chunked_transfer_encoding off;",
+                   NginxServer::Https{TestAuthority::ForLoopback(), false});
+    EXPECT_EQ(Get(server->SecureUrl("/whole")).errorCode, 0);
+    EXPECT_TRUE(Testing::WaitUntil([&] { return HasClosedConnectionTo(server->SecurePort()); }));
+    m_options.progressCallback = [&](std::size_t, std::size_t) {
+        server.reset();
+    };
+    m_options.cancellationQuery = [] {
+        return false;
+    };
+    EXPECT_EQ(Get(server->SecureUrl("/file")).errorCode, 8);
     EXPECT_EQ(m_data, "whole cont");
 }
 

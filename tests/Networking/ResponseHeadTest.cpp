@@ -52,6 +52,8 @@ TEST(ResponseHead, TellsWhetherTheBodyEndsWithTheConnection) {
     EXPECT_TRUE(Head({"HTTP/1.0 200 OK", ""}).EndsWithConnection());
     EXPECT_FALSE(HeadWith({"content-length: 5"}).EndsWithConnection());
     EXPECT_FALSE(HeadWith({"Transfer-Encoding: chunked"}).EndsWithConnection());
+    EXPECT_FALSE(HeadWith({"Transfer-Encoding: gzip, Chunked"}).EndsWithConnection());
+    EXPECT_TRUE(HeadWith({"Transfer-Encoding: identity"}).EndsWithConnection());
     EXPECT_FALSE(Head({"HTTP/2 200 ", ""}).EndsWithConnection());
 }
 

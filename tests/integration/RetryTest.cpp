@@ -72,6 +72,13 @@ TEST_P(Retry, A503ThatPassesEndsAvailable) {
     EXPECT_EQ(ReadFile(file.downloadPath), "body");
 }
 
+TEST_P(Retry, AMissingFileIsGivenUpAfterOneRetry) {
+    bundle->Schedule(ISchedulableResource::SchedulePriority::Normal);
+    application.Run();
+    EXPECT_EQ(Outcome(bundle->GetState()), "Error GeneralError");
+    EXPECT_EQ(server.RequestCount("/file.bin"), 2U);
+}
+
 TEST_P(Retry, A503ThatStaysIsGivenUpAfterOneRetry) {
     server.On("/file.bin", Reply::Status(503, "an error page"));
     bundle->Schedule(ISchedulableResource::SchedulePriority::Normal);
