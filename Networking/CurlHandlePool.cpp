@@ -2,12 +2,12 @@
 
 #include <openssl/ssl.h>
 
+#include <csignal>
 #include <ctime>
 #include <new>
 #include <utility>
 
 #include <poll.h>
-#include <signal.h>
 
 namespace Halvex::Networking {
 

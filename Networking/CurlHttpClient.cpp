@@ -290,18 +290,19 @@ private:
         SetHeaders();
     }
 
-    /// What identifies the user goes to the server that was asked for, not to one that it redirects
-    /// to.
+    /// What is meant for the server that was asked for does not go to one that it redirects to.
     void SetHeaders() {
         const bool sameServer = OriginOf(m_url) == OriginOf(m_request.url.toString());
         m_headers.reset();
         for (const auto& [name, value] : m_request.headers) {
             if (sameServer || !IsSensitive(name))
-                AddHeader(value.empty() ? name + ";" : name + ": " + value);
+                AddHeader(std::string(name).append(value.empty() ? ";" : ": ").append(value));
         }
         m_cookies.clear();
-        for (const auto& [name, value] : m_request.cookies)
-            m_cookies += (m_cookies.empty() ? "" : "; ") + name + "=" + value;
+        for (const auto& [name, value] : m_request.cookies) {
+            m_cookies.append(m_cookies.empty() ? "" : "; ");
+            m_cookies.append(name).append("=").append(value);
+        }
         curl_easy_setopt(m_handle.Easy(), CURLOPT_COOKIE,
                          sameServer && !m_cookies.empty() ? m_cookies.c_str() : nullptr);
     }
