@@ -94,9 +94,15 @@ public:
     Response Post(const std::function<void(CURL*)>& prepare) {
         const SigpipeBlock block;
         if (!HasStopped())
-            Exchange(prepare, [this](const ResponseHead& head, std::string& reason) {
-                return JudgePost(head, reason);
-            });
+            Exchange(
+                [&](CURL* easy) {
+                    prepare(easy);
+                    // Otherwise curl waits a second for servers that do not know of it.
+                    AddHeader("Expect:");
+                },
+                [this](const ResponseHead& head, std::string& reason) {
+                    return JudgePost(head, reason);
+                });
         return Conclude();
     }
 

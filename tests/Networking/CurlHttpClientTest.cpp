@@ -947,6 +947,31 @@ TEST_F(CurlHttpClientTest, PostsABodyAsItIs) {
     EXPECT_EQ(m_server.Requests().at(0).body, body);
 }
 
+TEST_F(CurlHttpClientTest, TakesNoUploadForAStalledTransfer) {
+    const Testing::LoopbackPort port;
+    port.Listen();
+    constexpr std::size_t kSize = 20'000'000;
+    std::thread server([&port] {
+        const int connection = port.Accept();
+        std::vector<char> piece(64 * 1024);
+        // As a slow line takes it: for more than a second in all.
+        for (std::size_t taken = 0; taken < kSize;) {
+            const ssize_t count = ::recv(connection, piece.data(), piece.size(), 0);
+            ASSERT_GT(count, 0);
+            taken += static_cast<std::size_t>(count);
+            std::this_thread::sleep_for(4ms);
+        }
+        Send(connection, "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok");
+        ::close(connection);
+    });
+    m_options.lowSpeedTime = 300;
+    Request request;
+    request.url = Url("http://" + port.Address() + "/");
+    const Response response = m_client.post(request, std::string(kSize, 'x'), m_options);
+    server.join();
+    EXPECT_EQ(response.errorCode, 0) << response.errorText;
+}
+
 TEST_F(CurlHttpClientTest, PostsAForm) {
     m_server.On("/form", Reply::Ok(""));
     Request request;
