@@ -741,10 +741,7 @@ class RetryingLoop {
 public:
     RetryingLoop() {
         m_app.Init();
-        m_app.downloader->SetScript([this](const Task&) {
-            m_begins.push_back(Clock::now());
-            return DownloadStatus::NetworkFailure;
-        });
+        m_app.downloader->SetStatus(DownloadStatus::NetworkFailure);
         ResourceDescriptor& present = m_app.Describe("present");
         present.validationMode = 2;
         present.localPath = m_folder.Write("present", "");
@@ -777,40 +774,15 @@ public:
 
     std::size_t Attempts() const { return m_app.downloader->DownloadCount("lost"); }
 
-    bool WaitForAttempts(std::size_t count) const {
-        return WaitUntil([&] { return Attempts() >= count; });
-    }
-
-    /// From the begin of one attempt to that of the next. For attempts long past.
-    Clock::duration TimeAfter(std::size_t attempt) const {
-        return m_begins.at(attempt) - m_begins.at(attempt - 1);
-    }
-
     Application& App() { return m_app; }
 
 private:
     pid_t Thread() const { return *m_app.downloader->DownloadThreads().begin(); }
 
     const Testing::TemporaryFolder m_folder;
-    std::deque<Clock::time_point> m_begins;
     IRemoteResource* m_present = nullptr;
     Application m_app;
 };
-
-TEST_F(ResourceDownloadManagerTest, PausesFiveSecondsWhileUnstableAndLongerWhileLost) {
-    RetryingLoop lost;
-    ASSERT_TRUE(lost.PausesAfter(12));
-    const std::size_t attemptsWhenLost = lost.Attempts();
-    RetryingLoop unstable;
-    ASSERT_TRUE(unstable.WaitForAttempts(5));
-
-    // This pause began after the other one.
-    EXPECT_TRUE(lost.IsAsleep());
-    EXPECT_EQ(lost.Attempts(), attemptsWhenLost);
-    unstable.App().manager.Abort();
-    EXPECT_GE(unstable.TimeAfter(4), std::chrono::seconds(5));
-    EXPECT_LT(unstable.TimeAfter(4), kWellBelowAMinute);
-}
 
 TEST_F(ResourceDownloadManagerTest, PausesForFiveSecondsWhileUnstable) {
     RetryingLoop loop;
