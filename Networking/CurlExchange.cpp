@@ -4,18 +4,29 @@
 #include <limits>
 #include <utility>
 
+#include <sys/socket.h>
+
 namespace Halvex::Networking {
 
 namespace {
 
 /// An error page that is longer is not read to its end, even if that costs the connection.
 constexpr std::int64_t kMostDiscardedBytes = 256 * 1024;
+/// curl limits the head itself, but keeps whatever trailers come.
+constexpr std::size_t kMostTrailerBytes = 256 * 1024;
 
 StopQuery::Clock::time_point DeadlineIn(std::int64_t microseconds) {
     const auto now = StopQuery::Clock::now();
     const auto room = std::chrono::duration_cast<std::chrono::microseconds>(
         StopQuery::Clock::time_point::max() - now);
     return now + std::min(std::chrono::microseconds(std::max<std::int64_t>(microseconds, 0)), room);
+}
+
+/// So that curl sees that the connection is not to be used again.
+void Disconnect(curl_socket_t socket) {
+    sockaddr nobody{};
+    nobody.sa_family = AF_UNSPEC;
+    ::connect(socket, &nobody, sizeof(nobody));
 }
 
 } // namespace
@@ -97,6 +108,8 @@ ExchangeEnd CurlExchange::Run() {
     m_handle.plainSocket = CURL_SOCKET_BAD;
     if (!IsOverTls())
         curl_easy_getinfo(m_handle.easy, CURLINFO_ACTIVESOCKET, &m_handle.plainSocket);
+    if (m_handle.HasUnaskedData())
+        Disconnect(m_handle.plainSocket);
     curl_multi_remove_handle(m_handle.multi, m_handle.easy);
     if (m_exception)
         std::rethrow_exception(m_exception);
@@ -217,7 +230,7 @@ std::size_t CurlExchange::OnBody(char* data, std::size_t size, std::size_t count
 bool CurlExchange::TakeHeaderLine(std::string_view line) {
     // What follows the body are trailers, whatever they look like.
     if (m_judged)
-        return true;
+        return TakeTrailer(line);
     m_head.AddLine(line);
     // The connection that answers is alive; the one that was tried before it may have ended.
     m_handle.tlsEnded = false;
@@ -229,6 +242,16 @@ bool CurlExchange::TakeHeaderLine(std::string_view line) {
         return true;
     m_decided = true;
     m_end = ExchangeEnd::Failed;
+    return false;
+}
+
+bool CurlExchange::TakeTrailer(std::string_view line) {
+    m_trailerBytes += line.size();
+    if (m_trailerBytes <= kMostTrailerBytes)
+        return true;
+    m_decided = true;
+    m_end = ExchangeEnd::Failed;
+    m_errorText = "the trailers are too long";
     return false;
 }
 

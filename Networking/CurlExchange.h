@@ -101,6 +101,7 @@ private:
     std::size_t Guarded(std::size_t bytes, Action action) noexcept;
 
     bool TakeHeaderLine(std::string_view line);
+    bool TakeTrailer(std::string_view line);
     bool TakeBody(std::string_view bytes);
     bool TakeDelivered(std::string_view bytes);
     void Drive();
@@ -117,6 +118,7 @@ private:
     const Judge m_judge;
     StallDetector m_stall;
     ResponseHead m_head;
+    std::size_t m_trailerBytes = 0;
     bool m_judged = false;
     Verdict m_verdict = Verdict::Discard;
     std::int64_t m_discarded = 0;

@@ -51,6 +51,13 @@ public:
             QObject::connect(
                 reply, &QNetworkReply::redirected, reply,
                 [reply] { reply->setReadBufferSize(kReadBufferBytes); }, Qt::QueuedConnection);
+            // The body of a redirect is given to nobody: it would fill the buffer for good.
+            QObject::connect(reply, &QNetworkReply::metaDataChanged, reply, [reply] {
+                constexpr int kRedirection = 3;
+                const QVariant status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute);
+                if (status.toInt() / 100 == kRedirection)
+                    reply->setReadBufferSize(0);
+            });
             QObject::connect(reply, &QNetworkReply::readyRead, &m_loop,
                              [this, reply] { Guarded(*reply, [&] { HandOverData(*reply); }); });
         }

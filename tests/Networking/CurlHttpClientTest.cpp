@@ -261,6 +261,16 @@ TEST_F(CurlHttpClientTest, TakesNoTrailerForAnotherResponse) {
     EXPECT_EQ(m_data, "hello");
 }
 
+TEST_F(CurlHttpClientTest, RefusesTrailersWithoutEnd) {
+    std::string reply = "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nhello\r\n0\r\n";
+    for (int i = 0; i < 5000; ++i)
+        reply += "Trailer: " + std::string(90, 'x') + "\r\n";
+    m_server.On("/file", Reply::Raw(reply + "\r\n"));
+    const Response response = Get("/file");
+    EXPECT_EQ(response.errorCode, 4);
+    EXPECT_THAT(response.errorText, HasSubstr("trailers"));
+}
+
 // The truth about length
 
 TEST_F(CurlHttpClientTest, ReportsAShortBodyAsALostConnection) {
@@ -519,6 +529,15 @@ TEST_F(CurlHttpClientTest, TakesNothingThatWasNotAskedForForTheNextResponse) {
     EXPECT_EQ(GetUrl("http://" + port.Address() + "/").errorCode, 0);
     server.join();
     EXPECT_EQ(m_data, "one two");
+}
+
+TEST_F(CurlHttpClientTest, TakesNothingBehindARedirectForItsTarget) {
+    m_server.On("/from",
+                Reply::Raw("HTTP/1.1 302 Found\r\nLocation: /to\r\nContent-Length: 0\r\n\r\n"
+                           "HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nwrong"));
+    m_server.On("/to", Reply::Ok("right"));
+    EXPECT_EQ(Get("/from").errorCode, 0);
+    EXPECT_EQ(m_data, "right");
 }
 
 TEST_F(CurlHttpClientTest, LetsNoChildProcessInheritAConnection) {
