@@ -1,5 +1,7 @@
 #include "support/ScriptedHttpServer.h"
 
+#include "support/ServerTls.h"
+
 #include <algorithm>
 #include <array>
 #include <atomic>
@@ -7,6 +9,7 @@
 #include <cstdio>
 #include <cstring>
 #include <functional>
+#include <limits>
 #include <sstream>
 #include <stdexcept>
 #include <string_view>
@@ -14,6 +17,7 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
+#include <signal.h>
 #include <strings.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -71,7 +75,22 @@ std::uint32_t Crc32(std::string_view bytes) {
     return ~crc;
 }
 
-/// The gzip format with its blocks stored as they are.
+/// OpenSSL does not keep it from coming.
+void BlockSigpipe() {
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGPIPE);
+    ::pthread_sigmask(SIG_BLOCK, &set, nullptr);
+}
+
+std::string InHexadecimal(std::size_t value) {
+    std::array<char, 20> text{};
+    std::snprintf(text.data(), text.size(), "%zx", value);
+    return text.data();
+}
+
+} // namespace
+
 std::string GzipStored(const std::string& body) {
     std::string bytes("\x1f\x8b\x08\0\0\0\0\0\0\xff", 10);
     std::size_t offset = 0;
@@ -87,14 +106,6 @@ std::string GzipStored(const std::string& body) {
     AppendLittleEndian(bytes, static_cast<std::uint32_t>(body.size()), 4);
     return bytes;
 }
-
-std::string InHexadecimal(std::size_t value) {
-    std::array<char, 20> text{};
-    std::snprintf(text.data(), text.size(), "%zx", value);
-    return text.data();
-}
-
-} // namespace
 
 std::string GeneratedBytes(std::uint64_t offset, std::size_t size, std::uint64_t seed) {
     const std::size_t before = offset % 8;
@@ -138,6 +149,12 @@ Reply Reply::Raw(std::string bytes) {
     return reply;
 }
 
+Reply Reply::Flood(std::string first, std::string repeated) {
+    Reply reply = Raw(std::move(first));
+    reply.m_repeated = std::move(repeated);
+    return reply;
+}
+
 Reply Reply::Silence() {
     return Raw({}).StallAt(0);
 }
@@ -157,15 +174,29 @@ std::string Reply::Head() const {
 }
 
 std::uint64_t Reply::BodySize() const {
+    if (!m_repeated.empty())
+        return std::numeric_limits<std::uint64_t>::max() - 1;
     return m_generated ? m_generated->first : m_body.size();
 }
 
 std::string Reply::BodyPart(std::uint64_t offset, std::size_t size) const {
+    if (!m_repeated.empty()) {
+        std::string part;
+        if (offset < m_body.size())
+            part = m_body.substr(offset, size);
+        else
+            part = m_repeated.substr((offset - m_body.size()) % m_repeated.size());
+        while (part.size() < size)
+            part += m_repeated;
+        return part.substr(0, size);
+    }
     return m_generated ? GeneratedBytes(offset, size, m_generated->second)
                        : m_body.substr(offset, size);
 }
 
 bool Reply::ClosesConnection() const {
+    if (m_keepOpen)
+        return false;
     const bool endIsTold = m_chunkBytes != 0 || m_sendLength || HasNoBody(m_status);
     return m_close || m_raw || m_announced || m_cutAfter || !endIsTold;
 }
@@ -202,6 +233,34 @@ public:
     int Number() const { return m_number; }
     bool HasEnded() const { return m_ended; }
 
+    /// Waits for the first bytes and leaves them where they are.
+    bool WaitForBytes() {
+        char first = 0;
+        return ::recv(m_socket, &first, 1, MSG_PEEK) == 1;
+    }
+
+    /// So that the connection ends in an orderly way: unread bytes would make it a reset.
+    void TakeAllBytes() {
+        std::array<char, 16 * 1024> buffer;
+        while (::recv(m_socket, buffer.data(), buffer.size(), MSG_DONTWAIT) > 0)
+            continue;
+    }
+
+    /// False: there is no handshake.
+    bool StartTls(const ServerCertificate& certificate) {
+        try {
+            m_tls = std::make_unique<ServerTls>(m_socket, certificate);
+        } catch (const std::runtime_error&) {
+            return false;
+        }
+        return true;
+    }
+
+    void SayGoodbye() {
+        if (m_tls)
+            m_tls->SayGoodbye();
+    }
+
     void Interrupt() {
         const MutexLock lock(m_mutex);
         if (m_open)
@@ -222,6 +281,8 @@ public:
     }
 
     bool Send(std::string_view bytes) {
+        if (m_tls)
+            return m_tls->Send(bytes);
         while (!bytes.empty()) {
             const ssize_t sent = ::send(m_socket, bytes.data(), bytes.size(), MSG_NOSIGNAL);
             if (sent <= 0)
@@ -262,6 +323,11 @@ public:
 
 private:
     bool Receive() {
+        if (m_tls) {
+            const std::optional<std::string> received = m_tls->Receive();
+            m_unread += received.value_or("");
+            return received.has_value();
+        }
         std::array<char, 16 * 1024> buffer;
         const ssize_t received = ::recv(m_socket, buffer.data(), buffer.size(), 0);
         if (received <= 0)
@@ -273,6 +339,7 @@ private:
     const int m_number;
     const int m_socket;
     std::string m_unread;
+    std::unique_ptr<ServerTls> m_tls;
     std::thread m_thread;
     /// Set by the serving thread, for the accepting one to clear up.
     std::atomic<bool> m_ended{false};
@@ -280,7 +347,8 @@ private:
     bool m_open GUARDED_BY(m_mutex) = true;
 };
 
-ScriptedHttpServer::ScriptedHttpServer() {
+ScriptedHttpServer::ScriptedHttpServer(std::optional<ServerCertificate> certificate)
+    : m_certificate(std::move(certificate)) {
     m_listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in address{};
     address.sin_family = AF_INET;
@@ -310,8 +378,19 @@ void ScriptedHttpServer::On(const std::string& path, std::vector<Reply> replies)
     m_answered[path] = 0;
 }
 
+void ScriptedHttpServer::AnswerAnything(Reply reply) {
+    const MutexLock lock(m_mutex);
+    m_answerToAnything = std::move(reply);
+}
+
+std::optional<Reply> ScriptedHttpServer::AnswerToAnything() const {
+    const MutexLock lock(m_mutex);
+    return m_answerToAnything;
+}
+
 std::string ScriptedHttpServer::Url(const std::string& path) const {
-    return "http://127.0.0.1:" + std::to_string(m_port) + path;
+    return (m_certificate ? "https://127.0.0.1:" : "http://127.0.0.1:") + std::to_string(m_port) +
+           path;
 }
 
 std::vector<ScriptedHttpServer::Request> ScriptedHttpServer::Requests() const {
@@ -367,6 +446,16 @@ void ScriptedHttpServer::Accept() {
 }
 
 void ScriptedHttpServer::Serve(Connection& connection) {
+    if (m_certificate)
+        BlockSigpipe();
+    if (const std::optional<Reply> reply = AnswerToAnything()) {
+        if (connection.WaitForBytes())
+            Send(connection, *reply);
+        connection.TakeAllBytes();
+        return;
+    }
+    if (m_certificate && !connection.StartTls(*m_certificate))
+        return;
     while (const std::optional<Request> request = Receive(connection)) {
         if (!Send(connection, Answer(*request)))
             return;
@@ -448,7 +537,11 @@ bool ScriptedHttpServer::Send(Connection& connection, const Reply& reply) {
         connection.ResetOnClose();
     if (reply.m_chunkBytes != 0 && !reply.m_cutAfter && !connection.Send("0\r\n\r\n"))
         return false;
-    return !reply.ClosesConnection();
+    if (!reply.ClosesConnection())
+        return true;
+    if (reply.m_goodbye && !reply.m_reset)
+        connection.SayGoodbye();
+    return false;
 }
 
 } // namespace Halvex::Testing

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Foundation/Mutex.h"
+#include "support/TestAuthority.h"
 #include "support/Waiting.h"
 
 #include <chrono>
@@ -21,6 +22,9 @@ namespace Halvex::Testing {
 /// A part of a body that is computed, not stored: byte n depends on the seed and on n alone.
 std::string GeneratedBytes(std::uint64_t offset, std::size_t size, std::uint64_t seed = 1);
 
+/// The gzip format of these bytes, as Reply::Gzip sends it: its blocks are stored as they are.
+std::string GzipStored(const std::string& body);
+
 /// What the server answers to one request. Made by one of the static functions, then varied:
 ///
 ///     Reply::Ok("body").Header("ETag", "\"1\"").CutAfter(2)
@@ -40,6 +44,8 @@ public:
     static Reply Redirect(const std::string& location, int status = 302, std::string body = {});
     /// These bytes and nothing else, neither status line nor headers; then the connection ends.
     static Reply Raw(std::string bytes);
+    /// The first bytes, then the others again and again until the client goes: Raw without end.
+    static Reply Flood(std::string first, std::string repeated);
     /// Nothing at all, until the client goes.
     static Reply Silence();
 
@@ -70,6 +76,10 @@ public:
     }
     /// Ends the connection after the reply, and says so in a header.
     Reply& ThenClose() { return Header("Connection", "close").Set(m_close, true); }
+    /// Keeps the connection for further requests, whatever the reply says.
+    Reply& KeepOpen() { return Set(m_keepOpen, true); }
+    /// Over TLS: ends the connection without saying so first, as somebody who cuts it would.
+    Reply& WithoutGoodbye() { return Set(m_goodbye, false); }
 
 private:
     friend class ScriptedHttpServer;
@@ -90,6 +100,8 @@ private:
     /// Size and seed of a computed body; it stands in for m_body.
     std::optional<std::pair<std::uint64_t, std::uint64_t>> m_generated;
     bool m_raw = false;
+    /// Not empty: follows m_body without end.
+    std::string m_repeated;
     /// 0: not in chunks.
     std::size_t m_chunkBytes = 0;
     bool m_sendLength = true;
@@ -101,6 +113,8 @@ private:
     std::size_t m_pieceBytes = 64 * 1024;
     std::chrono::milliseconds m_pause{0};
     bool m_close = false;
+    bool m_keepOpen = false;
+    bool m_goodbye = true;
 };
 
 /// An HTTP/1.1 server on the loopback interface that answers as scripted.
@@ -127,7 +141,8 @@ public:
         std::string Header(const std::string& name) const;
     };
 
-    ScriptedHttpServer();
+    /// With a certificate it serves https and nothing else.
+    explicit ScriptedHttpServer(std::optional<ServerCertificate> certificate = {});
     ~ScriptedHttpServer();
 
     ScriptedHttpServer(const ScriptedHttpServer&) = delete;
@@ -139,6 +154,10 @@ public:
     void On(const std::string& path, Reply reply) {
         On(path, std::vector<Reply>{std::move(reply)});
     }
+
+    /// Answers the first bytes of each connection with this reply, even before a TLS handshake, and
+    /// then ends the connection. They count for no request.
+    void AnswerAnything(Reply reply);
 
     /// The full address of a path.
     std::string Url(const std::string& path) const;
@@ -158,17 +177,20 @@ private:
 
     void Accept();
     void Serve(Connection& connection);
+    std::optional<Reply> AnswerToAnything() const;
     static std::optional<Request> Receive(Connection& connection);
     Reply Answer(const Request& request);
     static bool Send(Connection& connection, const Reply& reply);
     std::size_t RequestCountLocked(const std::string& path) const REQUIRES(m_mutex);
 
+    const std::optional<ServerCertificate> m_certificate;
     int m_listener = -1;
     int m_port = 0;
     mutable Mutex m_mutex;
     mutable std::condition_variable m_requested;
     std::map<std::string, std::vector<Reply>> m_script GUARDED_BY(m_mutex);
     std::map<std::string, std::size_t> m_answered GUARDED_BY(m_mutex);
+    std::optional<Reply> m_answerToAnything GUARDED_BY(m_mutex);
     std::vector<Request> m_requests GUARDED_BY(m_mutex);
     int m_accepted GUARDED_BY(m_mutex) = 0;
     /// Touched by the accepting thread, and by the destructor once that one has ended.

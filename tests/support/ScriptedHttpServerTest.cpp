@@ -290,6 +290,44 @@ TEST(ScriptedHttpServer, SendsNothingInSilence) {
     EXPECT_EQ(client.ReceiveAll(), "");
 }
 
+TEST(ScriptedHttpServer, FloodsUntilTheClientGoes) {
+    ScriptedHttpServer server;
+    server.On("/flood", Reply::Flood("begin ", "abc"));
+    RawClient client(server);
+    client.Get("/flood");
+    EXPECT_EQ(client.ReceiveUntil("begin abcabca"), "begin abcabca");
+}
+
+TEST(ScriptedHttpServer, FloodsInPiecesOfAnySize) {
+    ScriptedHttpServer server;
+    server.On("/flood",
+              Reply::Flood("begin ", "abc").Drip(4, std::chrono::milliseconds(0)).CutAfter(13));
+    RawClient client(server);
+    client.Get("/flood");
+    EXPECT_EQ(client.ReceiveAll(), "begin abcabca");
+}
+
+TEST(ScriptedHttpServer, KeepsTheConnectionAfterRawBytesWhenToldTo) {
+    ScriptedHttpServer server;
+    server.On("/raw", Reply::Raw("raw").KeepOpen());
+    server.On("/next", Reply::Ok("next"));
+    RawClient client(server);
+    client.Get("/raw");
+    EXPECT_EQ(client.ReceiveUntil("raw"), "raw");
+    client.Get("/next");
+    EXPECT_THAT(client.ReceiveUntil("next"), EndsWith("\r\n\r\nnext"));
+    EXPECT_EQ(server.ConnectionCount(), 1);
+}
+
+TEST(ScriptedHttpServer, AnswersAnythingThatIsNoRequest) {
+    ScriptedHttpServer server;
+    server.AnswerAnything(Reply::Raw("whatever"));
+    RawClient client(server);
+    client.Send("\x16\x03\x01");
+    EXPECT_EQ(client.ReceiveAll(), "whatever");
+    EXPECT_TRUE(server.Requests().empty());
+}
+
 TEST(ScriptedHttpServer, ServesManyConnectionsAtOnce) {
     Event release;
     ScriptedHttpServer server;
