@@ -1,0 +1,833 @@
+#include "integration/HostileBehaviours.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <iterator>
+#include <sstream>
+#include <utility>
+
+namespace Halvex::Testing {
+
+namespace {
+
+using namespace std::chrono_literals;
+using Prepare = std::function<void(Scene&)>;
+using Rows = std::vector<Behaviour>;
+
+constexpr std::size_t kSize = 100'000;
+/// The resource when it has changed.
+const std::string& NewBody() {
+    static const std::string body = GeneratedBytes(0, kSize, 5);
+    return body;
+}
+/// Short enough to be sent byte by byte.
+const std::string& ShortBody() {
+    static const std::string body = GeneratedBytes(0, 30, 6);
+    return body;
+}
+
+constexpr const char* kTag = "\"1\"";
+
+// What becomes of a download
+
+Outcomes Ends(std::vector<End> ends, std::size_t fewest, std::size_t most) {
+    return {std::move(ends), fewest, most};
+}
+Outcomes Ends(std::vector<End> ends, std::size_t requests = 1) {
+    return {std::move(ends), requests, requests};
+}
+Outcomes Whole(std::size_t requests = 1) {
+    return Ends({End::Whole}, requests);
+}
+Outcomes Failed(std::size_t requests = 1) {
+    return Ends({End::Failed}, requests);
+}
+Outcomes Lost(std::size_t requests = 1) {
+    return Ends({End::Lost}, requests);
+}
+Outcomes Stalled(std::size_t requests = 1) {
+    return {{End::Lost}, requests, requests, Pace::StallLimit};
+}
+Outcomes TimedOut(std::size_t requests = 1) {
+    return {{End::Cancelled}, requests, requests, Pace::Timeout};
+}
+
+/// With Qt: it asks up to three times more when the connection ends, and after redirects.
+Outcomes Repeated(Outcomes outcomes) {
+    outcomes.mostRequests = 4 * outcomes.fewestRequests;
+    return outcomes;
+}
+
+// What a server says
+
+/// An answer with these header lines, and then the bytes as they are.
+Reply Answer(const std::string& headerLines, const std::string& bytes = HonestBody()) {
+    return Reply::Raw("HTTP/1.1 200 OK\r\n" + headerLines + "\r\n" + bytes);
+}
+/// An answer in chunks that are given as they are sent.
+Reply Chunks(const std::string& chunks) {
+    return Answer("Transfer-Encoding: chunked\r\n", chunks);
+}
+std::string Chunk(const std::string& bytes, const std::string& extension = {}) {
+    std::array<char, 20> size{};
+    std::snprintf(size.data(), size.size(), "%zx", bytes.size());
+    return size.data() + extension + "\r\n" + bytes + "\r\n";
+}
+std::string LengthLine(std::size_t length = kSize) {
+    return "Content-Length: " + std::to_string(length) + "\r\n";
+}
+std::string FirstHalf() {
+    return HonestBody().substr(0, kSize / 2);
+}
+std::string SecondHalf() {
+    return HonestBody().substr(kSize / 2);
+}
+/// A body that is lost half-way, and that a client may ask for the rest of.
+Reply LostHalfWay() {
+    return Reply::Ok(HonestBody()).Header("ETag", kTag).CutAfter(kSize / 2);
+}
+Reply Rest(std::string bytes, const std::string& range) {
+    return Reply::Status(206, std::move(bytes))
+        .Header("ETag", kTag)
+        .Header("Content-Range", "bytes " + range);
+}
+
+// How it is set up
+
+Prepare Says(std::vector<Reply> replies) {
+    return [replies = std::move(replies)](Scene& scene) {
+        scene.server.On("/file", replies);
+    };
+}
+Prepare Says(const Reply& reply) {
+    return Says(std::vector<Reply>{reply});
+}
+Prepare SaysRaw(const std::string& bytes) {
+    return Says(Reply::Raw(bytes));
+}
+/// When the resource is another one.
+Prepare Having(std::string whole, const Prepare& prepare) {
+    return [whole = std::move(whole), prepare](Scene& scene) {
+        scene.whole = whole;
+        prepare(scene);
+    };
+}
+/// /file leads there, and /to has the resource.
+Prepare RedirectsTo(const std::string& location, int status = 302) {
+    return [location, status](Scene& scene) {
+        scene.server.On("/file", Reply::Redirect(location, status, "moved"));
+        scene.server.On("/to", Reply::Ok(HonestBody()));
+    };
+}
+Prepare SaysOverTls(const Reply& reply,
+                    const ServerCertificate& certificate = TestAuthority::ForLoopback()) {
+    return [reply, certificate](Scene& scene) {
+        ScriptedHttpServer& server = scene.Secure(certificate);
+        server.On("/file", reply);
+        scene.baseUrl = server.Url("");
+    };
+}
+/// Says this instead of taking part in a handshake.
+Prepare SaysInTheHandshake(const Reply& reply) {
+    return [reply](Scene& scene) {
+        ScriptedHttpServer& server = scene.Secure(TestAuthority::ForLoopback());
+        server.AnswerAnything(reply);
+        scene.baseUrl = server.Url("");
+    };
+}
+/// After another download over the same connection.
+Prepare SaysAfter(const Reply& first, std::vector<Reply> replies) {
+    return [first, replies = std::move(replies)](Scene& scene) {
+        scene.server.On("/first", first);
+        scene.server.On("/file", replies);
+        scene.fetchesAnotherBefore = true;
+    };
+}
+Prepare Has(const std::string& target, const std::string& path) {
+    return [target, path](Scene& scene) {
+        scene.server.On(target, Reply::Ok(HonestBody()));
+        scene.path = path;
+    };
+}
+Prepare Retrying(const Prepare& prepare) {
+    return [prepare](Scene& scene) {
+        prepare(scene);
+        scene.retries = true;
+    };
+}
+
+// The table
+
+Rows Lengths() {
+    constexpr const char* kGroup = "The length of the body";
+    return {
+        {kGroup, "RightLength", "announces it rightly", Says(Reply::Ok(HonestBody())), Whole(),
+         Whole()},
+        {kGroup, "LengthTooSmall", "announces 5 bytes and sends more: the 5 are the resource",
+         Having("hello", Says(Reply::Ok("hello and more").Announcing(5))), Whole(),
+         Repeated(Whole())},
+        {kGroup, "LengthTooLarge", "announces one byte more than it sends",
+         Says(Reply::Ok(HonestBody()).Announcing(kSize + 1)), Lost(), Repeated(Failed())},
+        {kGroup, "LengthOf5Gibibytes", "announces 5 GiB and ends early",
+         Says(Reply::Ok(HonestBody()).Announcing(std::uint64_t{5} << 30)), Lost(),
+         Repeated(Failed())},
+        {kGroup, "LengthBeyond64Bits", "announces more than 64 bits can count",
+         Says(Answer("Content-Length: 99999999999999999999999\r\n")), Failed(), Repeated(Whole())},
+        {kGroup, "LengthNegative", "announces a negative length",
+         Says(Answer("Content-Length: -5\r\n")), Failed(), Repeated(Whole())},
+        {kGroup, "LengthNoNumber", "announces a length that is no number",
+         Says(Answer("Content-Length: many\r\n")), Failed(), Repeated(Whole())},
+        {kGroup, "LengthHexadecimal", "announces 0x186a0",
+         Says(Answer("Content-Length: 0x186a0\r\n")), Failed(), Repeated(Whole())},
+        {kGroup, "LengthAndGarbage", "announces a number with garbage behind it",
+         Says(Answer("Content-Length: 100000 bytes\r\n")), Failed(), Repeated(Whole())},
+        {kGroup, "LengthWithPlus", "announces +100000", Says(Answer("Content-Length: +100000\r\n")),
+         Failed(), Repeated(Whole())},
+        {kGroup, "LengthEmpty", "announces nothing in a Content-Length",
+         Says(Answer("Content-Length:\r\n")), Failed(), Repeated(Whole())},
+        {kGroup, "LengthTwiceTheSame", "announces it twice, the same",
+         Says(Answer(LengthLine() + LengthLine())), Whole(), Repeated(Whole())},
+        {kGroup, "LengthTwiceAndTheFirstIsSmaller", "announces two lengths, the smaller one first",
+         Says(Answer(LengthLine(50'000) + LengthLine())), Failed(), Repeated(Ends({End::Cut}))},
+        {kGroup, "LengthTwiceAndTheFirstIsLarger", "announces two lengths, the larger one first",
+         Says(Answer(LengthLine() + LengthLine(50'000))), Failed(), Repeated(Whole())},
+        {kGroup, "LengthList", "announces a list of two equal lengths in one header",
+         Says(Answer("Content-Length: 100000, 100000\r\n")), Whole(), Repeated(Whole())},
+        {kGroup, "LengthZeroBeforeABody", "announces 0 and sends a body: nothing is the resource",
+         Having("", Says(Answer(LengthLine(0)))), Whole(), Repeated(Whole())},
+        {kGroup, "LengthBesideChunks", "announces a length that is wrong, and sends chunks",
+         Says(Answer(LengthLine(5) + "Transfer-Encoding: chunked\r\n",
+                     Chunk(HonestBody()) + Chunk(""))),
+         Whole(), Repeated(Whole())},
+        {kGroup, "LengthMissing", "announces none; the body ends with the connection",
+         Says(Reply::Ok(HonestBody()).WithoutLength()), Whole(), Repeated(Whole())},
+        {kGroup, "LengthMissingAndTheBodyCut", "announces none, and cuts the body: nobody can tell",
+         Says(Reply::Ok(HonestBody()).WithoutLength().CutAfter(kSize / 2)), Ends({End::Cut}),
+         Repeated(Ends({End::Cut}))},
+        {kGroup, "LengthMissingAndTheConnectionReset", "announces none, and resets the connection",
+         Says(Reply::Ok(HonestBody()).WithoutLength().ResetAfter(kSize / 2)), Lost(),
+         Repeated(Ends({End::Cut}))},
+    };
+}
+
+/// Of chunks that end early Qt makes what it happens to see first: the end of the connection, or
+/// what came before it.
+Rows Cuts() {
+    constexpr const char* kGroup = "Cut and reset connections";
+    const Reply answer = Answer("X-A: b\r\n" + LengthLine());
+    const std::string chunks = Chunk(FirstHalf()) + Chunk(SecondHalf());
+    return {
+        {kGroup, "CutBeforeTheStatusLine", "cuts it before the status line", SaysRaw(""), Lost(),
+         Repeated(Failed())},
+        {kGroup, "ResetBeforeTheStatusLine", "resets it before the status line",
+         Says(Reply(answer).ResetAfter(0)), Lost(), Repeated(Failed())},
+        {kGroup, "CutInTheStatusLine", "cuts it in the status line",
+         Says(Reply(answer).CutAfter(10)), Lost(), Repeated(Failed())},
+        {kGroup, "ResetInTheStatusLine", "resets it in the status line",
+         Says(Reply(answer).ResetAfter(10)), Lost(), Repeated(Failed())},
+        {kGroup, "CutInTheHeaders", "cuts it in a header", Says(Reply(answer).CutAfter(20)), Lost(),
+         Repeated(Failed())},
+        {kGroup, "ResetInTheHeaders", "resets it in a header", Says(Reply(answer).ResetAfter(20)),
+         Lost(), Repeated(Failed())},
+        {kGroup, "CutBeforeTheEmptyLine", "cuts it after the last header",
+         SaysRaw("HTTP/1.1 200 OK\r\n" + LengthLine()), Lost(), Repeated(Failed())},
+        {kGroup, "CutAfterTheHeaders", "cuts it between headers and body",
+         Says(Reply::Ok(HonestBody()).CutAfter(0)), Lost(), Repeated(Failed())},
+        {kGroup, "ResetAfterTheHeaders", "resets it between headers and body",
+         Says(Reply::Ok(HonestBody()).ResetAfter(0)), Lost(), Repeated(Failed())},
+        {kGroup, "CutAfterTheFirstByte", "cuts it after the body's first byte",
+         Says(Reply::Ok(HonestBody()).CutAfter(1)), Lost(), Repeated(Failed())},
+        {kGroup, "CutInMidBody", "cuts it in mid-body",
+         Says(Reply::Ok(HonestBody()).CutAfter(kSize / 2)), Lost(), Repeated(Failed())},
+        {kGroup, "ResetInMidBody", "resets it in mid-body",
+         Says(Reply::Ok(HonestBody()).ResetAfter(kSize / 2)), Lost(), Repeated(Failed())},
+        {kGroup, "CutBeforeTheLastByte", "cuts it before the body's last byte",
+         Says(Reply::Ok(HonestBody()).CutAfter(kSize - 1)), Lost(), Repeated(Failed())},
+        {kGroup, "CutBeforeTheFirstChunk", "cuts it before the first chunk", Says(Chunks("")),
+         Lost(), Repeated(Ends({End::Failed, End::Empty}))},
+        {kGroup, "CutInTheFirstChunkSize", "cuts it in the first chunk's size", Says(Chunks("186")),
+         Lost(), Repeated({{End::Failed, End::Empty, End::Cancelled}, 1, 1, Pace::Timeout})},
+        {kGroup, "CutInAChunk", "cuts it in a chunk",
+         Says(Chunks(Chunk(HonestBody()).substr(0, kSize / 2))), Lost(),
+         Repeated(Ends({End::Failed, End::Cut}))},
+        {kGroup, "ResetInAChunk", "resets it in a chunk",
+         Says(Chunks(Chunk(HonestBody())).ResetAfter(kSize / 2)), Lost(),
+         Repeated(Ends({End::Failed, End::Cut}))},
+        {kGroup, "CutBetweenChunks", "cuts it between two chunks", Says(Chunks(Chunk(FirstHalf()))),
+         Lost(), Repeated(Ends({End::Failed, End::Cut}))},
+        {kGroup, "CutBeforeTheLastChunk", "cuts it before the last, empty chunk",
+         Says(Chunks(chunks)), Lost(), Repeated(Ends({End::Failed, End::Whole}))},
+        {kGroup, "CutInTheLastChunk", "cuts it in the last, empty chunk",
+         Says(Chunks(chunks + "0")), Lost(), Repeated(Ends({End::Failed, End::Whole}))},
+        {kGroup, "CutBeforeTheTrailersEnd", "cuts it after the last chunk's size",
+         Says(Chunks(chunks + "0\r\n")), Lost(), Repeated(Ends({End::Failed, End::Whole}))},
+    };
+}
+
+Rows Chunkings() {
+    constexpr const char* kGroup = "Chunks";
+    const std::string end = Chunk("");
+    return {
+        {kGroup, "ChunksAsTheyShouldBe", "sends them as they should be",
+         Says(Reply::Ok(HonestBody()).Chunked(1000)), Whole(), Whole()},
+        {kGroup, "ChunksOfOneByte", "sends them of one byte each",
+         Having(ShortBody(), Says(Reply::Ok(ShortBody()).Chunked(1))), Whole(), Whole()},
+        {kGroup, "ChunkExtensions", "adds extensions to their sizes",
+         Says(Chunks(Chunk(HonestBody(), ";a=b") + end)), Whole(), Repeated(Whole())},
+        {kGroup, "ChunkTrailers", "adds trailers to the last one",
+         Says(Chunks(Chunk(HonestBody()) + "0\r\nX-A: b\r\nX-B: c\r\n\r\n")), Whole(),
+         Repeated(Whole())},
+        {kGroup, "ChunkSizeWithZeros", "begins a size with zeros",
+         Says(Chunks("000" + Chunk(HonestBody()) + end)), Whole(), Repeated(Whole())},
+        {kGroup, "ChunkSizeNoNumber", "sends a size that is no number",
+         Says(Chunks(Chunk(FirstHalf()) + "zz\r\n" + SecondHalf() + "\r\n" + end)), Lost(),
+         Repeated(Ends({End::Cut}))},
+        {kGroup, "ChunkSizeNegative", "sends a negative size",
+         Says(Chunks(Chunk(FirstHalf()) + "-5\r\n" + SecondHalf() + "\r\n" + end)), Lost(),
+         Repeated(Ends({End::Cut}))},
+        {kGroup, "ChunkSizeMissing", "sends an empty line for a size",
+         Says(Chunks(Chunk(FirstHalf()) + "\r\n" + SecondHalf() + "\r\n" + end)), Lost(),
+         Repeated(Ends({End::Cut}))},
+        {kGroup, "ChunkSizeOf64Bits", "sends the size 7fffffffffffffff, and little more",
+         Says(Chunks("7fffffffffffffff\r\n" + HonestBody())), Lost(),
+         Repeated(Ends({End::Failed, End::Whole}))},
+        {kGroup, "ChunkSizeBeyond64Bits", "sends a size beyond 64 bits",
+         Says(Chunks("fffffffffffffffffffff\r\n" + HonestBody())), Lost(),
+         Repeated(Ends({End::Empty}))},
+        {kGroup, "ChunkSizeTooLarge", "sends a size that is one too large",
+         Says(Chunks("186a1\r\n" + HonestBody())), Lost(),
+         Repeated(Ends({End::Failed, End::Whole}))},
+        {kGroup, "ChunkSizeTooSmall", "sends a size that is too small",
+         Says(Chunks("c350\r\n" + HonestBody() + "\r\n" + end)), Lost(),
+         Repeated(Ends({End::Cut}))},
+        {kGroup, "ChunkWithoutLineEnd", "leaves out the line end behind a chunk",
+         Says(Chunks("c350\r\n" + FirstHalf() + "c350\r\n" + SecondHalf() + "\r\n" + end)), Lost(),
+         Repeated(Ends({End::Cut}))},
+        {kGroup, "ChunksAndMore", "sends more behind the last one",
+         Says(Chunks(Chunk(HonestBody()) + end + "and more")), Whole(), Repeated(Whole())},
+    };
+}
+
+Rows NoHttp() {
+    constexpr const char* kGroup = "What is hardly HTTP";
+    const std::string rest = LengthLine() + "\r\n" + HonestBody();
+    return {
+        {kGroup, "BodyWithoutHead", "sends the body alone, as HTTP/0.9 did", SaysRaw(HonestBody()),
+         Failed(), Repeated(Failed())},
+        {kGroup, "BinaryNoise", "sends binary noise",
+         SaysRaw(GeneratedBytes(0, 1000, 7) + "\r\n\r\n"), Failed(), Repeated(Failed())},
+        {kGroup, "AnotherProtocol", "greets as another protocol does",
+         SaysRaw("SSH-2.0-OpenSSH_9.2\r\n"), Failed(), Repeated(Failed())},
+        {kGroup, "TlsOnAPlainPort", "answers in TLS on a plain port",
+         SaysRaw(std::string("\x15\x03\x03\x00\x02\x02\x28", 7)), Failed(), Repeated(Failed())},
+        {kGroup, "StatusNoNumber", "sends a status that is no number",
+         SaysRaw("HTTP/1.1 abc OK\r\n" + rest), Failed(), Repeated(Failed())},
+        {kGroup, "StatusOfTwoDigits", "sends the status 99", SaysRaw("HTTP/1.1 99 OK\r\n" + rest),
+         Failed(), Repeated(Whole())},
+        {kGroup, "StatusOfFourDigits", "sends the status 2000",
+         SaysRaw("HTTP/1.1 2000 OK\r\n" + rest), Failed(), Repeated(Failed())},
+        {kGroup, "UnknownVersion", "calls itself HTTP/7.3", SaysRaw("HTTP/7.3 200 OK\r\n" + rest),
+         Failed(), Repeated(Whole())},
+        {kGroup, "Http10", "speaks HTTP/1.0", SaysRaw("HTTP/1.0 200 OK\r\n" + rest), Whole(),
+         Repeated(Whole())},
+        {kGroup, "LinesWithoutReturns", "ends its lines with line feeds alone",
+         SaysRaw("HTTP/1.1 200 OK\nContent-Length: 100000\n\n" + HonestBody()), Whole(),
+         Repeated(Whole())},
+        {kGroup, "HeaderWithoutColon", "sends a header without a colon",
+         Says(Answer("gibberish\r\n" + LengthLine())), Failed(), Repeated(Whole())},
+        {kGroup, "HeaderWithZeroByte", "sends a header with a zero byte",
+         Says(Answer(std::string("X-A: \0b\r\n", 9) + LengthLine())), Failed(), Repeated(Whole())},
+        {kGroup, "HeaderOverTwoLines", "sends a header over two lines",
+         Says(Answer("X-A: b\r\n c\r\n" + LengthLine())), Whole(), Repeated(Whole())},
+        {kGroup, "EmptyLineBefore", "begins with an empty line",
+         SaysRaw("\r\nHTTP/1.1 200 OK\r\n" + rest), Failed(), Repeated(Whole())},
+    };
+}
+
+Rows Statuses() {
+    constexpr const char* kGroup = "Statuses";
+    const auto page = [](int status) {
+        return Says(Reply::Status(status, "a page"));
+    };
+    const std::string ok = "HTTP/1.1 200 OK\r\n" + LengthLine() + "\r\n" + HonestBody();
+    return {
+        {kGroup, "ContinueBefore", "sends a 100 before its answer",
+         SaysRaw("HTTP/1.1 100 Continue\r\n\r\n" + ok), Whole(), Repeated(Whole())},
+        {kGroup, "EarlyHintsBefore", "sends a 103 before its answer",
+         SaysRaw("HTTP/1.1 103 Early Hints\r\nLink: </a>; rel=preload\r\n\r\n" + ok), Whole(),
+         Repeated(Ends({End::Empty}))},
+        {kGroup, "SwitchingProtocols", "sends a 101 unasked",
+         SaysRaw("HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\nConnection: "
+                 "Upgrade\r\n\r\n" +
+                 ok),
+         Lost(), Repeated(Ends({End::Empty}))},
+        {kGroup, "EmptyBody", "sends 200 and an empty body", Having("", Says(Reply::Ok(""))),
+         Whole(), Whole()},
+        {kGroup, "Status201", "sends 201 and a body", Says(Reply::Status(201, HonestBody())),
+         Failed(), Whole()},
+        {kGroup, "Status202", "sends 202 and a page", page(202), Failed(), Ends({End::Other})},
+        {kGroup, "Status203", "sends 203 and a body", Says(Reply::Status(203, HonestBody())),
+         Whole(), Whole()},
+        {kGroup, "Status204", "sends 204", page(204), Failed(), Ends({End::Empty})},
+        {kGroup, "Status206", "sends 206 and a part, unasked",
+         Says(Rest(FirstHalf(), "0-49999/100000")), Failed(), Ends({End::Cut})},
+        {kGroup, "Status300", "sends 300 and a page", page(300), Failed(), Ends({End::Other})},
+        {kGroup, "Status304", "sends 304 unasked", page(304), Failed(), Ends({End::Empty})},
+        {kGroup, "Status400", "sends 400 and a page", page(400), Failed(), Failed()},
+        {kGroup, "Status401", "sends 401 and asks for a password",
+         Says(Reply::Status(401, "a page").Header("WWW-Authenticate", "Basic realm=\"a\"")),
+         Failed(), Failed()},
+        {kGroup, "Status403", "sends 403 and a page", page(403), Failed(), Failed()},
+        {kGroup, "Status404", "sends 404 and a page", page(404), Failed(), Failed()},
+        {kGroup, "Status407", "sends 407, though it is no proxy",
+         Says(Reply::Status(407, "a page").Header("Proxy-Authenticate", "Basic realm=\"a\"")),
+         Failed(), Failed()},
+        {kGroup, "Status408", "sends 408 and ends the connection",
+         Says(Reply::Status(408, "a page").ThenClose()), Failed(), Repeated(Failed())},
+        {kGroup, "Status410", "sends 410 and a page", page(410), Failed(), Failed()},
+        {kGroup, "Status416", "sends 416, though no range was asked for", page(416), Failed(),
+         Failed()},
+        {kGroup, "Status429", "sends 429 and asks to wait for an hour",
+         Says(Reply::Status(429, "a page").Header("Retry-After", "3600")), Failed(), Failed()},
+        {kGroup, "Status500", "sends 500 and a page", page(500), Failed(), Failed()},
+        {kGroup, "Status502", "sends 502 and a page", page(502), Failed(), Failed()},
+        {kGroup, "Status503", "sends 503 and asks to wait for an hour",
+         Says(Reply::Status(503, "a page").Header("Retry-After", "3600")), Failed(), Failed()},
+        {kGroup, "Status599", "sends 599 and a page", page(599), Failed(), Failed()},
+        {kGroup, "ErrorPageCut", "sends 500 and cuts the page",
+         Says(Reply::Status(500, HonestBody()).CutAfter(10)), Lost(), Repeated(Failed())},
+        {kGroup, "Status503ThatPasses", "sends 503, then the file, to the scheduler that retries",
+         Retrying(Says({Reply::Status(503), Reply::Ok(HonestBody())})), Whole(2), Whole(2)},
+        {kGroup, "AnotherContentEachTime",
+         "has another content at each request and cuts the first, with the scheduler that retries",
+         Retrying(Having(
+             NewBody(), Says({Reply::Ok(HonestBody()).CutAfter(kSize / 2), Reply::Ok(NewBody())}))),
+         Whole(2), Repeated(Whole(2))},
+    };
+}
+
+Rows Redirects() {
+    constexpr const char* kGroup = "Redirects";
+    return {
+        {kGroup, "Redirect301", "sends 301", RedirectsTo("/to", 301), Whole(2),
+         Repeated(Ends({End::Whole}, 2))},
+        {kGroup, "Redirect302", "sends 302", RedirectsTo("/to", 302), Whole(2),
+         Repeated(Ends({End::Whole}, 2))},
+        {kGroup, "Redirect303", "sends 303", RedirectsTo("/to", 303), Whole(2),
+         Repeated(Ends({End::Whole}, 2))},
+        {kGroup, "Redirect307", "sends 307", RedirectsTo("/to", 307), Whole(2),
+         Repeated(Ends({End::Whole}, 2))},
+        {kGroup, "Redirect308", "sends 308", RedirectsTo("/to", 308), Whole(2),
+         Repeated(Ends({End::Whole}, 2))},
+        {kGroup, "RedirectRelative", "names its target relatively, with dots",
+         RedirectsTo("a/b/../../to"), Whole(2), Repeated(Ends({End::Whole}, 2))},
+        {kGroup, "RedirectWithoutScheme", "leaves the scheme out of its target",
+         [](Scene& scene) { RedirectsTo(scene.server.Url("/to").substr(5))(scene); }, Whole(2),
+         Repeated(Ends({End::Whole}, 2))},
+        {kGroup, "RedirectToAnotherServer", "sends to another server",
+         [](Scene& scene) {
+             ScriptedHttpServer& other = scene.others.emplace_back();
+             other.On("/to", Reply::Ok(HonestBody()));
+             scene.server.On("/file", Reply::Redirect(other.Url("/to")));
+         },
+         Whole(2), Repeated(Ends({End::Whole}, 2))},
+        {kGroup, "RedirectToTls", "sends from http to https",
+         [](Scene& scene) {
+             ScriptedHttpServer& other = scene.Secure(TestAuthority::ForLoopback());
+             other.On("/to", Reply::Ok(HonestBody()));
+             scene.server.On("/file", Reply::Redirect(other.Url("/to")));
+         },
+         Whole(2), Repeated(Ends({End::Whole}, 2))},
+        {kGroup, "RedirectFromTls", "sends from https to http",
+         [](Scene& scene) {
+             scene.server.On("/to", Reply::Ok(HonestBody()));
+             SaysOverTls(Reply::Redirect(scene.server.Url("/to")))(scene);
+         },
+         Failed(), Repeated(Failed())},
+        {kGroup, "RedirectToItself", "sends to itself", RedirectsTo("/file"), Failed(51),
+         Repeated(Failed(51))},
+        {kGroup, "RedirectsInACircle", "sends in a circle of two",
+         [](Scene& scene) {
+             RedirectsTo("/to")(scene);
+             scene.server.On("/to", Reply::Redirect("/file"));
+         },
+         Failed(51), Repeated(Failed(51))},
+        {kGroup, "RedirectWithoutTarget", "names no target", Says(Reply::Status(302, "moved")),
+         Failed(), Repeated(Failed())},
+        {kGroup, "RedirectToAnEmptyTarget", "names an empty target", RedirectsTo(""), Failed(),
+         Repeated(Failed())},
+        {kGroup, "RedirectToNonsense", "names a target that is no address",
+         RedirectsTo("http://[:::]:99999/"), Failed(), Repeated(Failed())},
+        {kGroup, "RedirectToAFile", "sends to file:", RedirectsTo("file:///etc/passwd"), Failed(),
+         Repeated(Failed())},
+        {kGroup, "RedirectToFtp", "sends to ftp:", RedirectsTo("ftp://127.0.0.1/file"), Failed(),
+         Repeated(Failed())},
+        {kGroup, "RedirectToData", "sends to data:", RedirectsTo("data:text/plain,hello"), Failed(),
+         Repeated(Failed())},
+        {kGroup, "RedirectToADeadPort", "sends to where nobody listens",
+         [](Scene& scene) { RedirectsTo("http://" + scene.deadPort.Address() + "/to")(scene); },
+         Lost(), Repeated(Failed())},
+        {kGroup, "RedirectToBlanks", "sends to a path with blanks",
+         [](Scene& scene) {
+             RedirectsTo("/a b")(scene);
+             scene.server.On("/a%20b", Reply::Ok(HonestBody()));
+         },
+         Whole(2), Repeated(Ends({End::Whole}, 2))},
+        {kGroup, "RedirectWithALargePage", "sends 10 MB along with a redirect: it is not followed",
+         [](Scene& scene) {
+             RedirectsTo("/to")(scene);
+             scene.server.On("/file", Reply::Redirect("/to", 302, std::string(10'000'000, 'a')));
+         },
+         Failed(), TimedOut()},
+        {kGroup, "RedirectWithACutPage", "cuts the page that comes with a redirect",
+         [](Scene& scene) {
+             RedirectsTo("/to")(scene);
+             scene.server.On("/file", Reply::Redirect("/to", 302, HonestBody()).CutAfter(10));
+         },
+         Lost(), Repeated(Ends({End::Failed, End::Whole}))},
+        {kGroup, "RedirectToACutBody", "sends to a body that it cuts",
+         [](Scene& scene) {
+             RedirectsTo("/to")(scene);
+             scene.server.On("/to", Reply::Ok(HonestBody()).CutAfter(kSize / 2));
+         },
+         Lost(2), Repeated(Failed(2))},
+    };
+}
+
+Rows Floods() {
+    constexpr const char* kGroup = "Floods";
+    const std::string head = "HTTP/1.1 200 OK\r\n";
+    std::string thousand;
+    for (int i = 0; i < 1000; ++i)
+        thousand += "X-" + std::to_string(i) + ": a value\r\n";
+    return {
+        {kGroup, "ThousandHeaders", "sends a thousand headers",
+         Says(Answer(thousand + LengthLine())), Whole(), Repeated(Whole())},
+        {kGroup, "HeaderOf200Kilobytes", "sends a header of 200 KB",
+         Says(Answer("X-A: " + std::string(200'000, 'a') + "\r\n" + LengthLine())), Failed(),
+         Repeated(Whole())},
+        {kGroup, "EndlessHeaders", "sends headers without end",
+         Says(Reply::Flood(head, "X-A: a value\r\n").Drip(16 * 1024, 1ms)), Lost(), TimedOut()},
+        {kGroup, "EndlessHeader", "sends one header without end",
+         Says(Reply::Flood(head + "X-A: ", "a").Drip(16 * 1024, 1ms)), Failed(), TimedOut()},
+        {kGroup, "EndlessStatusLine", "sends a status line without end",
+         Says(Reply::Flood("HTTP/1.1 200 ", "a").Drip(16 * 1024, 1ms)), Failed(), TimedOut()},
+        {kGroup, "EndlessContinue", "sends 100 Continue without end",
+         Says(Reply::Flood("", "HTTP/1.1 100 Continue\r\n\r\n").Drip(16 * 1024, 1ms)), Lost(),
+         TimedOut()},
+        {kGroup, "EndlessBody", "sends a body without end",
+         Says(Reply::Flood(head + "\r\n", "a").Drip(16 * 1024, 1ms)), TimedOut(), TimedOut()},
+        {kGroup, "EndlessErrorPage", "sends 404 and a page without end",
+         Says(Reply::Flood("HTTP/1.1 404 Not Found\r\n\r\n", "a").Drip(16 * 1024, 1ms)), Failed(),
+         TimedOut()},
+        {kGroup, "EndlessChunkExtension", "sends a chunk's extension without end",
+         Says(
+             Reply::Flood(head + "Transfer-Encoding: chunked\r\n\r\n5;", "a").Drip(16 * 1024, 1ms)),
+         Stalled(), TimedOut()},
+    };
+}
+
+Rows Stalls() {
+    constexpr const char* kGroup = "Slow and silent";
+    const Reply answer = Answer(LengthLine());
+    return {
+        {kGroup, "SmallPieces", "sends a short body byte by byte",
+         Having(ShortBody(), Says(Reply::Ok(ShortBody()).Drip(1, 2ms))), Whole(), Whole()},
+        {kGroup, "SlowDrip", "sends 50 bytes a second", Says(Reply::Ok(HonestBody()).Drip(1, 20ms)),
+         Stalled(), TimedOut()},
+        {kGroup, "SlowDripInTheHeaders", "sends 50 bytes of header a second",
+         Says(Answer("X-A: " + std::string(100'000, 'a') + "\r\n").Drip(1, 20ms)), Stalled(),
+         TimedOut()},
+        {kGroup, "SilenceFromTheStart", "says nothing", Says(Reply::Silence()), Stalled(),
+         TimedOut()},
+        {kGroup, "SilenceInTheStatusLine", "falls silent in the status line",
+         Says(Reply(answer).StallAt(10)), Stalled(), TimedOut()},
+        {kGroup, "SilenceInTheHeaders", "falls silent in the headers",
+         Says(Reply(answer).StallAt(25)), Stalled(), TimedOut()},
+        {kGroup, "SilenceAfterTheHeaders", "falls silent after the headers",
+         Says(Reply::Ok(HonestBody()).StallAt(0)), Stalled(), TimedOut()},
+        {kGroup, "SilenceInMidBody", "falls silent in mid-body",
+         Says(Reply::Ok(HonestBody()).StallAt(kSize / 2)), Stalled(), TimedOut()},
+        {kGroup, "SilenceBeforeTheLastByte", "falls silent before the last byte",
+         Says(Reply::Ok(HonestBody()).StallAt(kSize - 1)), Stalled(), TimedOut()},
+        {kGroup, "SilenceInAChunk", "falls silent between two chunks",
+         Says(Reply::Ok(HonestBody()).Chunked().StallAt(kSize / 2)), Stalled(), TimedOut()},
+        {kGroup, "SilenceBeforeTheLastChunk", "falls silent before the last, empty chunk",
+         Says(Reply::Ok(HonestBody()).Chunked().StallAt(kSize)), Stalled(), TimedOut()},
+        {kGroup, "SilenceWithoutLength", "falls silent where only the connection's end ends it",
+         Says(Reply::Ok(HonestBody()).WithoutLength().StallAt(kSize)), Stalled(), TimedOut()},
+        {kGroup, "SilenceAfterTheBody", "falls silent when all has been sent",
+         Says(Reply::Ok(HonestBody()).StallAt(kSize)), Whole(), Whole()},
+        {kGroup, "SilenceAfterContinue", "falls silent after a 100",
+         Says(Reply::Raw("HTTP/1.1 100 Continue\r\n\r\n").StallAt(25)), Stalled(), TimedOut()},
+        {kGroup, "SilenceAfterARedirect", "falls silent where a redirect leads",
+         [](Scene& scene) {
+             RedirectsTo("/to")(scene);
+             scene.server.On("/to", Reply::Silence());
+         },
+         Stalled(2), Repeated(TimedOut(2))},
+        {kGroup,
+         "SilenceThatIsMadeGood",
+         "falls silent in mid-body, and sends the rest when asked",
+         Says({Reply::Ok(HonestBody()).Header("ETag", kTag).StallAt(kSize / 2),
+               Rest(SecondHalf(), "50000-99999/100000")}),
+         {{End::Whole}, 2, 2, Pace::StallLimit},
+         TimedOut()},
+    };
+}
+
+Rows Resumptions() {
+    constexpr const char* kGroup = "When it has cut a body with a strong ETag";
+    const auto then = [](const Reply& reply) {
+        return Says({LostHalfWay(), reply});
+    };
+    return {
+        {kGroup, "RestAsAskedFor", "sends the rest", then(Rest(SecondHalf(), "50000-99999/100000")),
+         Whole(2), Repeated(Failed())},
+        {kGroup, "RestInPieces", "cuts the rest too, then sends what is left",
+         Says({LostHalfWay(), Rest(SecondHalf(), "50000-99999/100000").CutAfter(10),
+               Rest(HonestBody().substr(50'010), "50010-99999/100000")}),
+         Whole(3), Repeated(Failed())},
+        {kGroup, "RestOfUnknownTotal", "sends the rest and not how much there is in all",
+         then(Rest(SecondHalf(), "50000-99999/*")), Lost(2), Repeated(Failed())},
+        {kGroup, "RestIsTheWhole", "sends the whole again", then(Reply::Ok(HonestBody())), Lost(2),
+         Repeated(Failed())},
+        {kGroup, "RestOfAnotherVersion", "has another version, and sends it",
+         then(Reply::Ok(NewBody()).Header("ETag", "\"2\"")), Lost(2), Repeated(Failed())},
+        {kGroup, "RestShifted", "sends another part than the rest",
+         then(Rest(HonestBody().substr(49'999), "49999-99999/100000")), Lost(2),
+         Repeated(Failed())},
+        {kGroup, "RestOfAnotherTotal", "sends the rest of a larger file",
+         then(Rest(SecondHalf() + "more", "50000-100003/100004")), Lost(2), Repeated(Failed())},
+        {kGroup, "RestWithoutRange", "sends 206 and not which part",
+         then(Reply::Status(206, SecondHalf())), Lost(2), Repeated(Failed())},
+        {kGroup, "RestRefused", "sends 416", then(Reply::Status(416, "a page")), Lost(2),
+         Repeated(Failed())},
+        {kGroup, "RestGone", "sends 404", then(Reply::Status(404, "a page")), Lost(2),
+         Repeated(Failed())},
+        {kGroup, "RestNeverComes", "cuts each further connection", then(Reply::Raw("")), Lost(4),
+         Repeated(Failed())},
+        {kGroup, "RestOfAWeakTag", "had named the version weakly",
+         Says({Reply::Ok(HonestBody()).Header("ETag", "W/\"1\"").CutAfter(kSize / 2),
+               Rest(SecondHalf(), "50000-99999/100000")}),
+         Lost(), Repeated(Failed())},
+    };
+}
+
+Rows Connections() {
+    constexpr const char* kGroup = "Connections that are kept";
+    const Reply ok = Reply::Ok(HonestBody());
+    return {
+        {kGroup, "ConnectionKept", "keeps it between two downloads", SaysAfter(ok, {ok}), Whole(),
+         Whole()},
+        {kGroup, "ConnectionClosedAfter", "closes it between two downloads, unannounced",
+         SaysAfter(Reply::Ok(HonestBody()).CutAfter(kSize), {ok}), Whole(), Whole()},
+        {kGroup, "ConnectionSilentAfter", "falls silent on it once it has answered",
+         SaysAfter(Reply::Ok(HonestBody()).StallAt(kSize), {ok}), Stalled(0), Whole()},
+        {kGroup, "ConnectionResetAtTheNextRequest", "resets it at the next request",
+         SaysAfter(ok, {Reply::Raw("").ResetAfter(0), ok}), Whole(2), Repeated(Whole(2))},
+        {kGroup, "ConnectionClosedAtTheNextRequest", "closes it at the next request",
+         SaysAfter(ok, {Reply::Raw(""), ok}), Whole(2), Repeated(Whole(2))},
+        {kGroup, "MoreThanTheFirstBody",
+         "sends more than it has announced, at the end of the first",
+         SaysAfter(Answer(LengthLine(), HonestBody() + "and more").KeepOpen(), {ok}),
+         Ends({End::Whole, End::Failed}, 0, 1), Whole()},
+        {kGroup, "ConnectionDead", "does not listen",
+         [](Scene& scene) { scene.baseUrl = "http://" + scene.deadPort.Address(); }, Lost(0),
+         Failed(0)},
+    };
+}
+
+Rows Codings() {
+    constexpr const char* kGroup = "Content codings and addresses";
+    return {
+        {kGroup, "Gzip", "sends gzip, whether asked for or not",
+         [](Scene& scene) {
+             const std::string body = GeneratedBytes(0, 1000, 8);
+             scene.server.On("/file", Reply::Gzip(body));
+             scene.whole = GzipStored(body);
+             scene.decoded = body;
+         },
+         Whole(), Ends({End::Decoded})},
+        {kGroup, "GzipThatIsNone", "calls a body gzip that is none",
+         Says(Reply::Ok(HonestBody()).Header("Content-Encoding", "gzip")), Whole(), Failed()},
+        {kGroup, "UnknownCoding", "calls a body br-coded",
+         Says(Reply::Ok(HonestBody()).Header("Content-Encoding", "br")), Whole(), Whole()},
+        {kGroup, "GzipCut", "cuts a gzip body",
+         [](Scene& scene) {
+             scene.server.On("/file", Reply::Gzip(HonestBody()).CutAfter(kSize / 2));
+             scene.whole = HonestBody();
+         },
+         Lost(), Repeated(Ends({End::Failed, End::Cut}))},
+        {kGroup, "PathWithBlanks", "has a path with blanks", Has("/a%20b%20c", "a b c"), Whole(),
+         Whole()},
+        {kGroup, "PathWithUnicode", "has a path with letters beyond ASCII",
+         Has("/%C3%A4%E2%82%AC", "\xC3\xA4\xE2\x82\xAC"), Whole(), Whole()},
+        {kGroup, "PathWithEscapedPercent", "has a path with %25", Has("/a%25b", "a%25b"), Whole(),
+         Whole()},
+        {kGroup, "PathWithStrayPercent", "has a path with a percent sign that escapes nothing",
+         Has("/a%25zz", "a%zz"), Whole(), Whole()},
+        {kGroup, "PathWithEscapedHash", "has a path with %23", Has("/a%23b", "a%23b"), Whole(),
+         Whole()},
+        {kGroup, "PathWithHash", "has a file a, and a#b is asked for: what follows # is not sent",
+         Has("/a", "a#b"), Whole(), Whole()},
+        {kGroup, "PathWithQuery", "has a path with a query", Has("/a?b=c&d", "a?b=c&d"), Whole(),
+         Whole()},
+    };
+}
+
+Rows OverTls() {
+    constexpr const char* kGroup = "TLS";
+    const std::string chunks = Chunk(FirstHalf()) + Chunk(SecondHalf());
+    return {
+        {kGroup, "TlsAsItShouldBe", "does all as it should", SaysOverTls(Reply::Ok(HonestBody())),
+         Whole(), Whole()},
+        {kGroup, "CertificateSelfSigned", "shows a certificate that it has signed itself",
+         SaysOverTls(Reply::Ok(HonestBody()), TestAuthority::SelfSigned()), Failed(0), Failed(0)},
+        {kGroup, "CertificateExpired", "shows one that has expired",
+         SaysOverTls(Reply::Ok(HonestBody()), TestAuthority::Expired()), Failed(0), Failed(0)},
+        {kGroup, "CertificateForAnotherHost", "shows one for another host",
+         SaysOverTls(Reply::Ok(HonestBody()), TestAuthority::ForAnotherHost()), Failed(0),
+         Failed(0)},
+        {kGroup, "CertificateOfAnUnknownAuthority", "shows one of an authority that nobody trusts",
+         [](Scene& scene) {
+             SaysOverTls(Reply::Ok(HonestBody()))(scene);
+             scene.trusts = false;
+         },
+         Failed(0), Failed(0)},
+        {kGroup, "HandshakeCut", "cuts the handshake", SaysInTheHandshake(Reply::Raw("")), Lost(0),
+         Failed(0)},
+        {kGroup, "HandshakeReset", "resets the connection in the handshake",
+         SaysInTheHandshake(Reply::Raw("").ResetAfter(0)), Lost(0), Failed(0)},
+        {kGroup, "HandshakeCutInARecord", "cuts the handshake in the middle of a record",
+         SaysInTheHandshake(Reply::Raw(std::string("\x16\x03\x03\x00\x7a\x02\x00", 7))), Lost(0),
+         Failed(0)},
+        {kGroup, "HandshakeRefused", "refuses the handshake with an alert",
+         SaysInTheHandshake(Reply::Raw(std::string("\x15\x03\x03\x00\x02\x02\x28", 7))), Failed(0),
+         Failed(0)},
+        {kGroup, "HandshakeInPlainHttp", "answers the handshake in plain HTTP",
+         SaysInTheHandshake(Reply::Status(400, "a page")), Failed(0), Failed(0)},
+        {kGroup,
+         "HandshakeSilent",
+         "falls silent in the handshake",
+         SaysInTheHandshake(Reply::Silence()),
+         {{End::Lost}, 0, 0, Pace::ConnectLimit},
+         TimedOut(0)},
+        {kGroup, "TlsCutInMidBody", "cuts the connection in mid-body",
+         SaysOverTls(Reply::Ok(HonestBody()).CutAfter(kSize / 2).WithoutGoodbye()), Lost(),
+         Repeated(Failed())},
+        {kGroup, "TlsResetInMidBody", "resets the connection in mid-body",
+         SaysOverTls(Reply::Ok(HonestBody()).ResetAfter(kSize / 2)), Lost(), Repeated(Failed())},
+        {kGroup, "TlsCutBeforeTheStatusLine", "cuts the connection before the status line",
+         SaysOverTls(Reply::Raw("").WithoutGoodbye()), Lost(), Repeated(Failed())},
+        {kGroup, "TlsCutInAChunk", "cuts the connection in a chunk",
+         SaysOverTls(Chunks(Chunk(HonestBody())).CutAfter(kSize / 2).WithoutGoodbye()), Lost(),
+         Repeated(Ends({End::Failed, End::Cut}))},
+        {kGroup, "TlsCutWithoutLength", "cuts a body without a length",
+         SaysOverTls(Reply::Ok(HonestBody()).WithoutLength().CutAfter(kSize / 2).WithoutGoodbye()),
+         Lost(), Repeated(Ends({End::Cut}))},
+        {kGroup, "TlsEndWithoutLength", "ends a body without a length, in an orderly way",
+         SaysOverTls(Reply::Ok(HonestBody()).WithoutLength()), Whole(), Repeated(Whole())},
+        {kGroup, "TlsSilenceInMidBody", "falls silent in mid-body",
+         SaysOverTls(Reply::Ok(HonestBody()).StallAt(kSize / 2)), Stalled(), TimedOut()},
+    };
+}
+
+// The document
+
+const char* WordsFor(End end) {
+    switch (end) {
+    case End::Whole:
+        return "whole";
+    case End::Decoded:
+        return "decoded";
+    case End::Empty:
+        return "**empty file**";
+    case End::Cut:
+        return "**cut file**";
+    case End::Other:
+        return "**other file**";
+    case End::Failed:
+        return "GeneralError";
+    case End::Lost:
+        return "InternetConnectionLost";
+    case End::Cancelled:
+        return "Cancelled";
+    }
+    return "?";
+}
+
+const char* WordsFor(Pace pace) {
+    switch (pace) {
+    case Pace::Prompt:
+        return "";
+    case Pace::ConnectLimit:
+        return ", after 5 seconds";
+    case Pace::StallLimit:
+        return ", at the stall limit";
+    case Pace::Timeout:
+        return ", at the time-out";
+    }
+    return "?";
+}
+
+std::string WordsFor(const Outcomes& outcomes) {
+    std::string words;
+    for (const End end : outcomes.ends)
+        words += (words.empty() ? "" : " or ") + std::string(WordsFor(end));
+    words += std::string(WordsFor(outcomes.pace)) + " | " + std::to_string(outcomes.fewestRequests);
+    if (outcomes.mostRequests != outcomes.fewestRequests)
+        words += " to " + std::to_string(outcomes.mostRequests);
+    return words;
+}
+
+} // namespace
+
+const std::string& HonestBody() {
+    static const std::string body = GeneratedBytes(0, kSize, 4);
+    return body;
+}
+
+std::size_t Scene::RequestCount() const {
+    std::size_t count = server.Requests().size();
+    for (const ScriptedHttpServer& other : others)
+        count += other.Requests().size();
+    return count;
+}
+
+const std::vector<Behaviour>& AllBehaviours() {
+    static const Rows all = [] {
+        Rows rows;
+        for (const auto& group : {Lengths, Cuts, Chunkings, NoHttp, Statuses, Redirects, Floods,
+                                  Stalls, Resumptions, Connections, Codings, OverTls}) {
+            Rows more = group();
+            std::move(more.begin(), more.end(), std::back_inserter(rows));
+        }
+        return rows;
+    }();
+    return all;
+}
+
+std::string BehavioursInMarkdown() {
+    std::ostringstream text;
+    std::string group;
+    for (const Behaviour& behaviour : AllBehaviours()) {
+        if (group != behaviour.group) {
+            group = behaviour.group;
+            text << "\n### " << group
+                 << "\n\n| the server... | native | requests | Qt | requests | row |\n"
+                    "|---|---|---|---|---|---|\n";
+        }
+        text << "| " << behaviour.words << " | " << WordsFor(behaviour.native) << " | "
+             << WordsFor(behaviour.qt) << " | `" << behaviour.name << "` |\n";
+    }
+    text << '\n';
+    return text.str();
+}
+
+std::ostream& operator<<(std::ostream& stream, End end) {
+    return stream << WordsFor(end);
+}
+
+} // namespace Halvex::Testing

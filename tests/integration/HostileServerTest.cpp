@@ -1,0 +1,251 @@
+#include "Networking/CurlHttpClient.h"
+#include "Networking/QtHttpClient.h"
+#include "ResourceDownloadManager/Downloader/ResourceDownloaderHttp.h"
+#include "integration/Application.h"
+#include "integration/HostileBehaviours.h"
+#include "support/TestAuthority.h"
+
+#include <gmock/gmock.h>
+
+#include <QtNetwork/QSslCertificate>
+#include <QtNetwork/QSslConfiguration>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdint>
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <ostream>
+
+namespace Halvex::App {
+namespace {
+
+using namespace std::chrono_literals;
+using Networking::IHttpClient;
+using Testing::AllBehaviours;
+using testing::AllOf;
+using testing::AnyOfArray;
+using Testing::Application;
+using Testing::Behaviour;
+using Testing::End;
+using testing::Ge;
+using testing::Le;
+using testing::Lt;
+using Testing::Outcome;
+using Testing::Outcomes;
+using Testing::Pace;
+using Testing::ReadFile;
+using Testing::Scene;
+using Testing::TemporaryFolder;
+namespace TestAuthority = Testing::TestAuthority;
+
+/// What ends by itself does so within this time, on a slow and loaded machine too.
+constexpr std::chrono::seconds kSoon(25);
+/// The limits of a request that is not to reach them.
+constexpr std::chrono::seconds kFarAway(90);
+/// The limits of one that is.
+constexpr std::chrono::milliseconds kStallLimit(500);
+constexpr std::chrono::milliseconds kTimeout(1500);
+/// By how much a download may enlarge the process, the server included, whatever it is sent.
+constexpr std::uint64_t kMemoryBytes = 128 * 1024 * 1024;
+
+/// Lets another client wait less long than the downloader says.
+class ImpatientClient : public IHttpClient {
+public:
+    ImpatientClient(std::unique_ptr<IHttpClient> client, Pace pace)
+        : m_client(std::move(client)), m_pace(pace) {}
+
+    Networking::Response get(const Networking::Request& request,
+                             const Networking::Options& options) override {
+        Networking::Options hurried = options;
+        hurried.lowSpeedTime =
+            std::chrono::milliseconds(m_pace == Pace::StallLimit ? kStallLimit : kFarAway).count();
+        hurried.timeout =
+            std::chrono::microseconds(m_pace == Pace::Timeout ? kTimeout : kFarAway).count();
+        return m_client->get(request, hurried);
+    }
+    Networking::Response post(const Networking::Request&, const Networking::MultiPart&,
+                              const Networking::Options&) override {
+        return {};
+    }
+    Networking::Response post(const Networking::Request&, const std::string&,
+                              const Networking::Options&) override {
+        return {};
+    }
+
+private:
+    const std::unique_ptr<IHttpClient> m_client;
+    const Pace m_pace;
+};
+
+/// How much memory the process has had at most since this began, beyond what it had then.
+class MemoryPeak {
+public:
+    MemoryPeak() {
+        std::ofstream("/proc/self/clear_refs") << "5";
+        m_before = HighestBytes();
+    }
+    std::uint64_t Growth() const { return std::max(HighestBytes(), m_before) - m_before; }
+
+private:
+    static std::uint64_t HighestBytes() {
+        std::ifstream status("/proc/self/status");
+        for (std::string word; status >> word;) {
+            if (word == "VmHWM:" && status >> word)
+                return std::stoull(word) * 1024;
+        }
+        return 0;
+    }
+
+    std::uint64_t m_before;
+};
+
+enum class Client { Native, Qt };
+
+struct Row {
+    Client client;
+    const Behaviour* behaviour;
+};
+
+void PrintTo(const Row& row, std::ostream* stream) {
+    *stream << row.behaviour->name;
+}
+
+class HostileServer : public testing::TestWithParam<Row> {
+protected:
+    HostileServer() {
+        m_behaviour.prepare(m_scene);
+        if (m_scene.trusts)
+            TrustTheAuthority();
+        Application::Dependencies dependencies;
+        dependencies.resourceDownloader =
+            std::make_shared<ResourceDownloaderHttp>(MakeClient(), nullptr, nullptr);
+        m_application = std::make_unique<Application>(Application::Params{}, dependencies);
+        if (m_scene.fetchesAnotherBefore) {
+            const ResourceDescriptor& first = m_application->AddFile(m_scene.baseUrl, "first");
+            EXPECT_EQ(Download(first), "Available NoError");
+            m_requestsBefore = m_scene.RequestCount();
+        }
+    }
+    ~HostileServer() override { QSslConfiguration::setDefaultConfiguration(m_sslBefore); }
+
+    std::string Download(const ResourceDescriptor& file) {
+        const auto priority = ISchedulableResource::SchedulePriority::Normal;
+        ResourceDownloadManager& manager = m_application->manager;
+        const auto scheduler =
+            m_scene.retries ? manager.GetMainScheduler() : manager.GetInitScheduler();
+        IRemoteResource* resource =
+            scheduler->RegisterAutoSchedule(&m_application->AddBundle({&file}), priority);
+        m_application->Run();
+        return Outcome(resource->GetState());
+    }
+
+    /// Fails the test when the state and the file do not fit together.
+    End EndOf(const std::string& outcome, const ResourceDescriptor& file) const {
+        const bool exists = FileExists(file.downloadPath);
+        if (outcome == "Available NoError" && exists)
+            return EndWith(ReadFile(file.downloadPath));
+        EXPECT_FALSE(exists) << outcome;
+        if (outcome == "Error GeneralError")
+            return End::Failed;
+        if (outcome == "Error InternetConnectionLost")
+            return End::Lost;
+        EXPECT_EQ(outcome, "Error Cancelled");
+        return End::Cancelled;
+    }
+
+    const Outcomes& Expected() const {
+        return m_client == Client::Native ? m_behaviour.native : m_behaviour.qt;
+    }
+
+    const Client m_client = GetParam().client;
+    const Behaviour& m_behaviour = *GetParam().behaviour;
+    Scene m_scene;
+    std::unique_ptr<Application> m_application;
+    std::size_t m_requestsBefore = 0;
+
+private:
+    static bool FileExists(const ioPath& path) { return std::ifstream(path.string()).good(); }
+
+    End EndWith(const std::string& content) const {
+        if (content == m_scene.whole)
+            return End::Whole;
+        if (content.empty())
+            return End::Empty;
+        if (content == m_scene.decoded)
+            return End::Decoded;
+        return m_scene.whole.compare(0, content.size(), content) == 0 ? End::Cut : End::Other;
+    }
+
+    std::unique_ptr<IHttpClient> MakeClient() {
+        std::unique_ptr<IHttpClient> client;
+        if (m_client == Client::Qt)
+            client = std::make_unique<Networking::QtHttpClient>();
+        else if (m_scene.trusts)
+            client = std::make_unique<Networking::CurlHttpClient>(m_authority.string());
+        else
+            client = std::make_unique<Networking::CurlHttpClient>();
+        return std::make_unique<ImpatientClient>(std::move(client), Expected().pace);
+    }
+
+    void TrustTheAuthority() {
+        QSslConfiguration trusting = QSslConfiguration::defaultConfiguration();
+        trusting.setCaCertificates(
+            QSslCertificate::fromPath(QString::fromStdString(m_authority.string()), QSsl::Pem));
+        QSslConfiguration::setDefaultConfiguration(trusting);
+    }
+
+    const TemporaryFolder m_authorityFolder;
+    const ioPath m_authority =
+        m_authorityFolder.Write("authority.pem", TestAuthority::Certificate());
+    const QSslConfiguration m_sslBefore = QSslConfiguration::defaultConfiguration();
+};
+
+std::vector<Row> Rows() {
+    std::vector<Row> rows;
+    for (const Behaviour& behaviour : AllBehaviours()) {
+        rows.push_back({Client::Native, &behaviour});
+        rows.push_back({Client::Qt, &behaviour});
+    }
+    return rows;
+}
+
+std::string NameOf(const testing::TestParamInfo<Row>& info) {
+    const bool isNative = info.param.client == Client::Native;
+    return std::string(info.param.behaviour->name) + (isNative ? "_Native" : "_Qt");
+}
+
+TEST_P(HostileServer, EndsADownloadAsItsRowSays) {
+    const ResourceDescriptor& file = m_application->AddFile(m_scene.baseUrl, m_scene.path);
+    const MemoryPeak memory;
+    const auto begin = std::chrono::steady_clock::now();
+    const std::string outcome = Download(file);
+    const auto elapsed = std::chrono::steady_clock::now() - begin;
+
+    EXPECT_THAT(EndOf(outcome, file), AnyOfArray(Expected().ends));
+    EXPECT_FALSE(std::ifstream(file.tempPath.string()).good());
+    EXPECT_THAT(m_scene.RequestCount() - m_requestsBefore,
+                AllOf(Ge(Expected().fewestRequests), Le(Expected().mostRequests)));
+    EXPECT_THAT(elapsed, Lt(kSoon));
+    EXPECT_THAT(memory.Growth(), Lt(kMemoryBytes));
+}
+
+INSTANTIATE_TEST_SUITE_P(Rows, HostileServer, testing::ValuesIn(Rows()), &NameOf);
+
+TEST(ReliabilityDocument, ShowsTheTableAsItIs) {
+    const std::string begin = "<!-- behaviours -->\n";
+    const std::string end = "<!-- /behaviours -->\n";
+    std::ifstream file(HALVEX_SOURCE_FOLDER "/docs/reliability.md");
+    const std::string text(std::istreambuf_iterator<char>(file), {});
+    const std::size_t from = text.find(begin);
+    const std::size_t to = text.find(end);
+    ASSERT_TRUE(from != std::string::npos && to != std::string::npos && from < to);
+    EXPECT_TRUE(text.substr(from + begin.size(), to - from - begin.size()) ==
+                Testing::BehavioursInMarkdown())
+        << "between the two marks belongs:\n"
+        << Testing::BehavioursInMarkdown();
+}
+
+} // namespace
+} // namespace Halvex::App
