@@ -26,7 +26,7 @@ StopQuery::Clock::time_point DeadlineIn(std::int64_t microseconds) {
 void Disconnect(curl_socket_t socket) {
     sockaddr nobody{};
     nobody.sa_family = AF_UNSPEC;
-    ::connect(socket, &nobody, sizeof(nobody));
+    (void)::connect(socket, &nobody, sizeof(nobody));
 }
 
 } // namespace
