@@ -116,16 +116,9 @@ TEST_F(QtHttpClientTest, HandsOverPiecesAsTheyArrive) {
     EXPECT_EQ(streamed, "abc|def|");
 }
 
-/// A path, and how many MiB are held at most.
-class QtHttpClientSlowTakerTest
-    : public QtHttpClientTest,
-      public testing::WithParamInterface<std::pair<const char*, std::size_t>> {};
-
-TEST_P(QtHttpClientSlowTakerTest, HoldsLittleOfABodyThatIsTakenSlowly) {
+TEST_F(QtHttpClientTest, HoldsLittleOfABodyThatIsTakenSlowly) {
     constexpr std::size_t kMebibyte = 1024 * 1024;
     server.On("/all", Reply::Generated(64 * kMebibyte));
-    server.On("/redirect", Reply::Redirect("/all"));
-    server.On("/redirects", Reply::Redirect("/redirect"));
     server.On("/wait", Reply::Ok("while the other body could arrive"));
     std::size_t largest = 0;
     options.dataCallback = [&](const std::string& piece) {
@@ -135,16 +128,12 @@ TEST_P(QtHttpClientSlowTakerTest, HoldsLittleOfABodyThatIsTakenSlowly) {
         if (piece.size() == largest)
             client.get({Url(server.Url("/wait")), {}, {}}, plain);
     };
-    const auto& [path, mostMebibytes] = GetParam();
-    EXPECT_EQ(Get(path).errorCode, 0);
+    EXPECT_EQ(Get("/all").errorCode, 0);
     EXPECT_GT(largest, 0u);
-    EXPECT_LT(largest, mostMebibytes * kMebibyte);
+    // The limit of 1 MiB holds for the reply and for its connection, which hands over all at the
+    // end.
+    EXPECT_LE(largest, 2 * kMebibyte);
 }
-
-// Behind a redirect the limit holds only once Qt has passed it on.
-INSTANTIATE_TEST_SUITE_P(From, QtHttpClientSlowTakerTest,
-                         testing::Values(std::pair("/all", 2), std::pair("/redirect", 16),
-                                         std::pair("/redirects", 16)));
 
 TEST_F(QtHttpClientTest, EndsWithTheDefaultResponseWhenItsLoopIsLeft) {
     server.On("/", Reply::Ok("abcdef").StallAt(3));
