@@ -25,9 +25,10 @@ namespace Halvex::Networking {
 
 namespace {
 
-/// How much of a body Qt may hold for us when it is streamed. Without a limit Qt 5 reads as fast as
-/// the server sends, whatever becomes of the data, and loses some of it above 4 GiB.
-constexpr qint64 kReadBufferBytes = 1024 * 1024;
+/// How much of a body a reply may hold for us when it is streamed; its connection may hold as much
+/// again. Without a limit Qt 5 reads as fast as the server sends, whatever becomes of the data, and
+/// loses some of it above 4 GiB.
+constexpr qint64 kReadBufferBytes = 512 * 1024;
 
 /// From where on Qt takes coarse timers when it is not told otherwise.
 constexpr std::chrono::milliseconds kCoarseFrom(2000);

@@ -18,7 +18,7 @@ namespace Halvex::Networking {
 ///
 /// Redirects are followed, except from https to http. A content coding that Qt asked for is undone.
 /// A body shorter than announced is code 4, as is any other failure; the text is Qt's. With a data
-/// callback at most about 2 MiB of the body, as it was sent, is held at a time; decoded that may be
+/// callback at most about 1 MiB of the body, as it was sent, is held at a time; decoded that may be
 /// much more. Behind a redirect Qt is told of that limit when it has already begun: up to 30 MiB
 /// have been seen to be held then on a machine under load.
 ///
