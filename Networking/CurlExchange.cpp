@@ -55,6 +55,24 @@ std::chrono::milliseconds StopQuery::NextIn() const {
                     std::chrono::milliseconds(0));
 }
 
+std::int32_t ToErrorCode(ExchangeEnd end) {
+    switch (end) {
+    case ExchangeEnd::Complete:
+        return 0;
+    case ExchangeEnd::NoConnect:
+        return 3;
+    case ExchangeEnd::Lost:
+        return 8;
+    case ExchangeEnd::Stopped:
+        return 15;
+    case ExchangeEnd::NotSent:
+        return 1001;
+    case ExchangeEnd::Failed:
+        break;
+    }
+    return 4;
+}
+
 ExchangeEnd ToExchangeEnd(CURLcode code, bool connected) {
     switch (code) {
     case CURLE_OK:

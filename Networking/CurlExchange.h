@@ -47,14 +47,18 @@ private:
     Clock::time_point m_lastAsked;
 };
 
-/// How an exchange ended; the values are those of Response::errorCode.
-enum class ExchangeEnd : std::int32_t {
-    Complete = 0,  ///< the whole response is there; its status says what it is worth
-    NoConnect = 3, ///< no connection to the host or the proxy
-    Failed = 4,    ///< TLS, the protocol or the response itself
-    Lost = 8,      ///< the connection broke, stalled or closed early
-    Stopped = 15,  ///< by the query, or because the whole request's time is up
+/// How an exchange ended, and with its last exchange the request.
+enum class ExchangeEnd {
+    NotSent,   ///< nothing was exchanged: the request is not one that can be sent
+    Complete,  ///< the whole response is there; its status says what it is worth
+    NoConnect, ///< no connection to the host or the proxy
+    Failed,    ///< TLS, the protocol or the response itself
+    Lost,      ///< the connection broke, stalled or closed early
+    Stopped,   ///< by the query, or because the whole request's time is up
 };
+
+/// What Response::errorCode tells of it.
+std::int32_t ToErrorCode(ExchangeEnd end);
 
 /// What curl's result means, given whether the connection stood when it came.
 ExchangeEnd ToExchangeEnd(CURLcode code, bool connected);

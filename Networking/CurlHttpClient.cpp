@@ -335,7 +335,7 @@ private:
         m_response.effectiveUrl = m_url;
         if (m_end == ExchangeEnd::Complete && !m_delivered)
             Fail("HTTP status " + m_head.StatusText());
-        m_response.errorCode = static_cast<std::int32_t>(m_end);
+        m_response.errorCode = ToErrorCode(m_end);
         if (m_end != ExchangeEnd::Complete) {
             m_response.body.clear();
             m_response.errorText = OriginOf(m_url) + Detour() + ": " + m_text;
@@ -384,6 +384,12 @@ bool IsSendable(const Request& request) {
            std::none_of(request.cookies.begin(), request.cookies.end(), HasLineBreak);
 }
 
+Response NotSent() {
+    Response response;
+    response.errorCode = ToErrorCode(ExchangeEnd::NotSent);
+    return response;
+}
+
 void AddPart(curl_mime* mime, const MultiPart::Part& part) {
     curl_mimepart* added = curl_mime_addpart(mime);
     curl_mime_name(added, part.name.c_str());
@@ -401,14 +407,14 @@ CurlHttpClient::CurlHttpClient(std::string authorityFile)
 
 Response CurlHttpClient::get(const Request& request, const Options& options) {
     if (!IsSendable(request))
-        return {};
+        return NotSent();
     return Call(m_handles, m_authorityFile, request, options).Get();
 }
 
 Response CurlHttpClient::post(const Request& request, const MultiPart& body,
                               const Options& options) {
     if (!IsSendable(request))
-        return {};
+        return NotSent();
     std::unique_ptr<curl_mime, FreeMime> mime;
     return Call(m_handles, m_authorityFile, request, options).Post([&](CURL* easy) {
         mime.reset(curl_mime_init(easy));
@@ -421,7 +427,7 @@ Response CurlHttpClient::post(const Request& request, const MultiPart& body,
 Response CurlHttpClient::post(const Request& request, const std::string& body,
                               const Options& options) {
     if (!IsSendable(request))
-        return {};
+        return NotSent();
     return Call(m_handles, m_authorityFile, request, options).Post([&](CURL* easy) {
         curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body.size()));
         curl_easy_setopt(easy, CURLOPT_POSTFIELDS, body.data());

@@ -5,6 +5,15 @@
 namespace Halvex::Networking {
 namespace {
 
+TEST(ToErrorCode, HasACodeForEachEnd) {
+    EXPECT_EQ(ToErrorCode(ExchangeEnd::Complete), 0);
+    EXPECT_EQ(ToErrorCode(ExchangeEnd::NoConnect), 3);
+    EXPECT_EQ(ToErrorCode(ExchangeEnd::Failed), 4);
+    EXPECT_EQ(ToErrorCode(ExchangeEnd::Lost), 8);
+    EXPECT_EQ(ToErrorCode(ExchangeEnd::Stopped), 15);
+    EXPECT_EQ(ToErrorCode(ExchangeEnd::NotSent), 1001);
+}
+
 struct Row {
     CURLcode code;
     bool connected;

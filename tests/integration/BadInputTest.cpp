@@ -1,5 +1,6 @@
 #include "ResourceDownloadManager/Downloader/ResourceDownloaderHttp.h"
 #include "integration/Application.h"
+#include "support/ChildProcess.h"
 #include "support/LogCapture.h"
 #include "support/NginxServer.h"
 
@@ -11,10 +12,6 @@
 #include <string>
 #include <tuple>
 
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 namespace Halvex::App {
 
 namespace {
@@ -24,6 +21,7 @@ using testing::Contains;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using Testing::LogCapture;
+using Testing::LoopbackPort;
 using Testing::NginxServer;
 using testing::Not;
 using Testing::Outcome;
@@ -140,30 +138,6 @@ const Flaw kFlaws[] = {
      "failed with error="},
 };
 
-/// A port of the loopback interface that is taken, so that nobody else listens there, and refuses
-/// connections.
-class UnusedPort {
-public:
-    UnusedPort() : m_socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-        m_address.sin_family = AF_INET;
-        m_address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t size = sizeof(m_address);
-        auto* const generic = reinterpret_cast<sockaddr*>(&m_address);
-        EXPECT_EQ(::bind(m_socket, generic, size), 0);
-        EXPECT_EQ(::getsockname(m_socket, generic, &size), 0);
-    }
-    ~UnusedPort() { ::close(m_socket); }
-
-    UnusedPort(const UnusedPort&) = delete;
-    UnusedPort& operator=(const UnusedPort&) = delete;
-
-    int Number() const { return ntohs(m_address.sin_port); }
-
-private:
-    const int m_socket;
-    sockaddr_in m_address{};
-};
-
 /// One flawed resource, with either executor.
 class BadInput : public testing::TestWithParam<std::tuple<Flaw, bool>> {
 protected:
@@ -253,10 +227,10 @@ TEST(UnusualInput, ADownloaderWithoutServicesMakesEveryDownloadFail) {
 }
 
 TEST(UnusualInput, AServerThatIsNotThereIsALostConnection) {
-    const UnusedPort port;
+    const LoopbackPort port;
     Application application({});
-    IRemoteResource* bundle = application.Schedule(
-        {&application.AddFile("http://127.0.0.1:" + std::to_string(port.Number()), "file.bin")});
+    IRemoteResource* bundle =
+        application.Schedule({&application.AddFile("http://" + port.Address(), "file.bin")});
     const LogCapture log;
     EXPECT_TRUE(application.manager.ProcessCurrentQueueQuant());
     EXPECT_EQ(Outcome(bundle->GetState()), "Error InternetConnectionLost");

@@ -1,5 +1,6 @@
 #include "ResourceDownloadManager/NetworkStateEmulator.h"
 #include "integration/Application.h"
+#include "support/ChildProcess.h"
 #include "support/LogCapture.h"
 #include "support/ScriptedHttpServer.h"
 
@@ -13,14 +14,17 @@ namespace Halvex::App {
 namespace {
 
 using Testing::Application;
+using testing::Each;
 using testing::ElementsAre;
 using Testing::GeneratedBytes;
 using Testing::LogCapture;
+using Testing::LoopbackPort;
 using Testing::Outcome;
 using Testing::ReadFile;
 using Testing::Reply;
 using Testing::ScriptedHttpServer;
 using testing::SizeIs;
+using testing::StartsWith;
 using Testing::StatusLog;
 using Testing::TemporaryFolder;
 using Testing::WaitForOutcome;
@@ -122,6 +126,25 @@ TEST_P(Retry, AConnectionThatStaysLostGetsTwentyRetries) {
     application.manager.Abort();
     EXPECT_EQ(server.RequestCount("/file.bin"), 21U);
     EXPECT_EQ(Outcome(bundle->GetState()), "Error InternetConnectionLost");
+}
+
+TEST_P(Retry, AServerThatStaysAwayGetsTwentyRetries) {
+    const LoopbackPort nobody;
+    const ResourceDescriptor& away = application.AddFile("http://" + nobody.Address(), "away");
+    const ResourceDescriptor& present = application.AddFile(server.Url(""), "present");
+    application.folder.Write("present", "body");
+    IRemoteResource* other = application.Register({&present});
+    const LogCapture log;
+    IRemoteResource* lost = application.Schedule({&away});
+    application.manager.StartEventLoopThread();
+    EXPECT_TRUE(WaitUntil([&] {
+        other->Schedule(ISchedulableResource::SchedulePriority::Normal);
+        return log.Errors().size() == 21;
+    }));
+    application.manager.Abort();
+    EXPECT_THAT(log.Errors(), SizeIs(21));
+    EXPECT_THAT(log.Errors(), Each(StartsWith("request=http://" + nobody.Address() + "/away")));
+    EXPECT_EQ(Outcome(lost->GetState()), "Error InternetConnectionLost");
 }
 
 TEST_P(Retry, FilesNeededAtStartUpAreNotRetried) {
