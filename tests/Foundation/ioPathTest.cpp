@@ -22,6 +22,7 @@ namespace Halvex {
 namespace {
 
 using Halvex::Testing::FileSizeLimit;
+using Halvex::Testing::FolderOnAnotherFileSystem;
 using Halvex::Testing::ReadFile;
 using Halvex::Testing::SomeBytes;
 using Halvex::Testing::SystemCalls;
@@ -50,12 +51,6 @@ void MakeLink(const ioPath& target, const ioPath& link) {
 
 bool IsLink(const ioPath& path) {
     return std::filesystem::is_symlink(path.string());
-}
-
-dev_t DeviceOf(const std::string& path) {
-    struct stat status {};
-    EXPECT_EQ(::stat(path.c_str(), &status), 0) << path;
-    return status.st_dev;
 }
 
 mode_t ModeOf(const ioPath& path) {
@@ -327,50 +322,20 @@ TEST_F(ioPathTest, DoesNotMakeACopyWhenTheSystemRefusesTheRename) {
 /// Renames a file to another file system, where a copy has to be made.
 class ioPathAcrossFileSystemsTest : public testing::Test {
 protected:
-    void SetUp() override {
-        ASSERT_FALSE(m_elsewhere.empty()) << "no folder on a file system of its own was found";
-        ASSERT_NE(DeviceOf(m_elsewhere), DeviceOf(m_folder.Path()));
-    }
-    void TearDown() override { std::filesystem::remove_all(m_elsewhere); }
-
     void Rename() const { ioPath::rename(m_from, m_to); }
-    /// The names in the destination's folder.
-    std::string ListElsewhere() const {
-        std::string list;
-        for (const auto& entry : std::filesystem::directory_iterator(m_elsewhere))
-            list += (list.empty() ? "" : " ") + entry.path().filename().string();
-        return list;
-    }
-    ioPath WriteElsewhere(const std::string& name, const std::string& content) const {
-        const ioPath file = m_folder.Write("moves elsewhere", content);
-        std::filesystem::copy_file(file.string(), m_elsewhere + "/" + name);
-        file.remove();
-        return m_elsewhere + "/" + name;
-    }
 
     const TemporaryFolder m_folder;
-    const std::string m_elsewhere = MakeFolderElsewhere();
+    const TemporaryFolder m_elsewhere{FolderOnAnotherFileSystem()};
     const std::string m_content = SomeBytes(600'000);
     const ioPath m_from = m_folder.Write("a", m_content);
-    const ioPath m_to = m_elsewhere + "/b";
-
-private:
-    /// A new folder on another file system than the temporary folder's.
-    std::string MakeFolderElsewhere() const {
-        for (const std::string parent : {"/dev/shm", "/tmp", "/var/tmp"}) {
-            std::string path = parent + "/halvex-test-XXXXXX";
-            if (DeviceOf(parent) != DeviceOf(m_folder.Path()) && ::mkdtemp(path.data()) != nullptr)
-                return path;
-        }
-        return {};
-    }
+    const ioPath m_to = m_elsewhere / "b";
 };
 
 TEST_F(ioPathAcrossFileSystemsTest, MovesTheWholeFile) {
     Rename();
     EXPECT_EQ(ReadFile(m_to), m_content);
     EXPECT_FALSE(m_from.exists());
-    EXPECT_EQ(ListElsewhere(), "b");
+    EXPECT_EQ(m_elsewhere.List(), "b");
 }
 
 TEST_F(ioPathAcrossFileSystemsTest, MovesAnEmptyFile) {
@@ -381,14 +346,14 @@ TEST_F(ioPathAcrossFileSystemsTest, MovesAnEmptyFile) {
 }
 
 TEST_F(ioPathAcrossFileSystemsTest, ReplacesAFile) {
-    WriteElsewhere("b", "old");
+    m_elsewhere.Write("b", "old");
     Rename();
     EXPECT_EQ(ReadFile(m_to), m_content);
-    EXPECT_EQ(ListElsewhere(), "b");
+    EXPECT_EQ(m_elsewhere.List(), "b");
 }
 
 TEST_F(ioPathAcrossFileSystemsTest, ReplacesALinkAndNotItsTarget) {
-    const ioPath target = WriteElsewhere("target", "precious");
+    const ioPath target = m_elsewhere.Write("target", "precious");
     MakeLink(target, m_to);
     Rename();
     EXPECT_FALSE(IsLink(m_to));
@@ -402,7 +367,7 @@ TEST_F(ioPathAcrossFileSystemsTest, KeepsTheAccessRights) {
 }
 
 TEST_F(ioPathAcrossFileSystemsTest, ReachesANameAsLongAsNamesCanBe) {
-    const ioPath longest = ioPath(m_elsewhere) / std::string(255, 'b');
+    const ioPath longest = m_elsewhere / std::string(255, 'b');
     ioPath::rename(m_from, longest);
     EXPECT_EQ(ReadFile(longest), m_content);
 }
@@ -433,14 +398,13 @@ TEST_F(ioPathAcrossFileSystemsTest, GoesOnAfterInterruptedAndShortCalls) {
 class ioPathFailureAcrossFileSystemsTest : public ioPathAcrossFileSystemsTest {
 protected:
     void SetUp() override {
-        ioPathAcrossFileSystemsTest::SetUp();
-        WriteElsewhere("b", "old");
+        m_elsewhere.Write("b", "old");
     }
 
     void ExpectFailure(const std::string& details) {
         EXPECT_EQ(FailureOf([&] { Rename(); }), details);
         EXPECT_EQ(ReadFile(m_to), "old");
-        EXPECT_EQ(ListElsewhere(), "b");
+        EXPECT_EQ(m_elsewhere.List(), "b");
         EXPECT_EQ(ReadFile(m_from), m_content);
     }
 
@@ -484,7 +448,7 @@ TEST_F(ioPathFailureAcrossFileSystemsTest, LeavesAllAsItWasWhenTheCopyCannotBeRe
 TEST_F(ioPathAcrossFileSystemsTest, LeavesAllAsItWasWhenTheDestinationIsAFolder) {
     std::filesystem::create_directory(m_to.string());
     EXPECT_EQ(FailureOf([&] { Rename(); }), "21 (Is a directory)");
-    EXPECT_EQ(ListElsewhere(), "b");
+    EXPECT_EQ(m_elsewhere.List(), "b");
     EXPECT_EQ(ReadFile(m_from), m_content);
 }
 
@@ -492,7 +456,7 @@ TEST_F(ioPathAcrossFileSystemsTest, DoesNotMoveALink) {
     MakeLink(m_from, m_folder / "link");
     EXPECT_EQ(FailureOf([&] { ioPath::rename(m_folder / "link", m_to); }),
               "40 (Too many levels of symbolic links)");
-    EXPECT_EQ(ListElsewhere(), "");
+    EXPECT_EQ(m_elsewhere.List(), "");
 }
 
 } // namespace

@@ -90,9 +90,45 @@ void SystemCalls::Add(const std::string& name, Fault fault) {
     m_faults[name].push_back(std::move(fault));
 }
 
+void SystemCalls::FailNth(std::size_t n, std::vector<std::string> files, int error) {
+    const MutexLock lock(m_mutex);
+    m_failsIn = n;
+    m_failingFiles = std::move(files);
+    m_failingError = error;
+}
+
+std::string SystemCalls::FailedNth() const {
+    const MutexLock lock(m_mutex);
+    return m_failed;
+}
+
+void SystemCalls::Watch(std::function<void(const std::string& call)> watcher) {
+    const MutexLock lock(m_mutex);
+    m_watcher = std::move(watcher);
+}
+
 SystemCalls::Fault SystemCalls::Record(const std::string& name, const std::string& files) {
+    std::function<void(const std::string&)> watcher;
+    {
+        const MutexLock lock(m_mutex);
+        watcher = m_watcher;
+    }
+    if (watcher)
+        watcher(name + files);
+    return NextFault(name, files);
+}
+
+SystemCalls::Fault SystemCalls::NextFault(const std::string& name, const std::string& files) {
     const MutexLock lock(m_mutex);
     m_made.push_back(name + files);
+    const auto isIn = [&files](const std::string& file) {
+        return files.find(" " + file) != std::string::npos;
+    };
+    const bool touches = std::any_of(m_failingFiles.begin(), m_failingFiles.end(), isIn);
+    if (touches && m_failsIn > 0 && --m_failsIn == 0) {
+        m_failed = name + files;
+        return {Fault::Kind::Error, m_failingError, 0, nullptr};
+    }
     std::deque<Fault>& faults = m_faults[name];
     if (faults.empty())
         return {};

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <deque>
 #include <exception>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -33,10 +34,18 @@ public:
     void Pass(const std::string& name);
     /// It fails with the error number without being made; close closes all the same.
     void Fail(const std::string& name, int error);
+    /// The n-th call from now on, counted from 1, that touches a file whose name begins with one of
+    /// these fails as above.
+    void FailNth(std::size_t n, std::vector<std::string> files, int error);
+    /// That call, as Made tells it; empty: there have not been so many.
+    std::string FailedNth() const;
     /// It reads or writes so many bytes only.
     void Shorten(const std::string& name, std::size_t bytes);
     /// It throws. For calls that may: open, read, write, close.
     void Throw(const std::string& name, std::exception_ptr exception);
+
+    /// Told of each call, as Made tells it, before it is made, on the thread that makes it.
+    void Watch(std::function<void(const std::string& call)> watcher);
 
     /// What a call is told to do; for the functions that stand in for the system's.
     struct Fault {
@@ -50,10 +59,17 @@ public:
 
 private:
     void Add(const std::string& name, Fault fault);
+    Fault NextFault(const std::string& name, const std::string& files);
 
     mutable Mutex m_mutex;
     std::vector<std::string> m_made GUARDED_BY(m_mutex);
     std::map<std::string, std::deque<Fault>> m_faults GUARDED_BY(m_mutex);
+    std::vector<std::string> m_failingFiles GUARDED_BY(m_mutex);
+    int m_failingError GUARDED_BY(m_mutex) = 0;
+    /// 0: none is to fail any more.
+    std::size_t m_failsIn GUARDED_BY(m_mutex) = 0;
+    std::string m_failed GUARDED_BY(m_mutex);
+    std::function<void(const std::string&)> m_watcher GUARDED_BY(m_mutex);
 };
 
 } // namespace Halvex::Testing

@@ -11,11 +11,15 @@
 #include <vector>
 
 #include <stdlib.h>
+#include <sys/stat.h>
 
 namespace Halvex::Testing {
 
 TemporaryFolder::TemporaryFolder()
-    : m_path((std::filesystem::temp_directory_path() / "halvex-test-XXXXXX").string()) {
+    : TemporaryFolder(std::filesystem::temp_directory_path().string()) {}
+
+TemporaryFolder::TemporaryFolder(const std::string& parent)
+    : m_path((std::filesystem::path(parent) / "halvex-test-XXXXXX").string()) {
     if (::mkdtemp(m_path.data()) == nullptr)
         throw std::runtime_error("cannot make a temporary folder");
 }
@@ -44,6 +48,20 @@ std::string TemporaryFolder::List() const {
     for (const std::string& name : names)
         list += (list.empty() ? "" : " ") + name;
     return list;
+}
+
+std::string FolderOnAnotherFileSystem() {
+    const auto device = [](const std::string& path) {
+        struct stat status {};
+        return ::stat(path.c_str(), &status) == 0 ? status.st_dev : 0;
+    };
+    const dev_t usual = device(std::filesystem::temp_directory_path().string());
+    for (const std::string folder : {"/dev/shm", "/tmp", "/var/tmp"}) {
+        const dev_t other = device(folder);
+        if (other != 0 && other != usual)
+            return folder;
+    }
+    throw std::runtime_error("no folder on a file system of its own was found");
 }
 
 std::string ReadFile(const ioPath& path) {

@@ -10,6 +10,8 @@ namespace Halvex::Testing {
 class TemporaryFolder {
 public:
     TemporaryFolder();
+    /// In another folder than that for temporary files.
+    explicit TemporaryFolder(const std::string& parent);
     ~TemporaryFolder();
 
     TemporaryFolder(const TemporaryFolder&) = delete;
@@ -27,6 +29,10 @@ public:
 private:
     std::string m_path;
 };
+
+/// A folder for everyone on another file system than that of temporary folders. Throws when the
+/// machine has none.
+std::string FolderOnAnotherFileSystem();
 
 /// The whole content of a file; fails the test when there is none.
 std::string ReadFile(const ioPath& path);
