@@ -154,6 +154,15 @@ Prepare Retrying(const Prepare& prepare) {
     };
 }
 
+constexpr std::uint64_t kLarge = std::uint64_t{5} << 30;
+
+Prepare Generates(std::uint64_t size, const Reply& reply) {
+    return [=](Scene& scene) {
+        scene.server.On("/file", reply);
+        scene.generatedSize = size;
+    };
+}
+
 // The table
 
 Rows Lengths() {
@@ -167,8 +176,11 @@ Rows Lengths() {
         {kGroup, "LengthTooLarge", "announces one byte more than it sends",
          Says(Reply::Ok(HonestBody()).Announcing(kSize + 1)), Lost(), Repeated(Failed())},
         {kGroup, "LengthOf5Gibibytes", "announces 5 GiB and ends early",
-         Says(Reply::Ok(HonestBody()).Announcing(std::uint64_t{5} << 30)), Lost(),
-         Repeated(Failed())},
+         Says(Reply::Ok(HonestBody()).Announcing(kLarge)), Lost(), Repeated(Failed())},
+        {kGroup, "BodyOf5Gibibytes", "sends 5 GiB", Generates(kLarge, Reply::Generated(kLarge)),
+         Whole(), Whole()},
+        {kGroup, "BodyOf5GibibytesInChunks", "sends 5 GiB in chunks",
+         Generates(kLarge, Reply::Generated(kLarge).Chunked()), Whole(), Whole()},
         {kGroup, "LengthBeyond64Bits", "announces more than 64 bits can count",
          Says(Answer("Content-Length: 99999999999999999999999\r\n")), Failed(), Repeated(Whole())},
         {kGroup, "LengthNegative", "announces a negative length",

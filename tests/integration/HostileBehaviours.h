@@ -3,6 +3,7 @@
 #include "support/ChildProcess.h"
 #include "support/ScriptedHttpServer.h"
 
+#include <cstdint>
 #include <functional>
 #include <list>
 #include <ostream>
@@ -63,6 +64,8 @@ struct Scene {
     std::string path = "file";
     /// What an honest server would have brought to the destination.
     std::string whole = HonestBody();
+    /// Not 0: so many GeneratedBytes instead.
+    std::uint64_t generatedSize = 0;
     /// The same, its content coding undone.
     std::string decoded;
     /// Fetch /first before, over a connection that the client may keep. It is not counted.
