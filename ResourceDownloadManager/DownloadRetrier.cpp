@@ -14,12 +14,6 @@ constexpr std::uint64_t kRetriesAfterOtherErrors = 1;
 constexpr std::uint64_t kUnstableFromRetries = 3;
 constexpr std::uint64_t kLostAboveRetries = 10;
 
-struct Outcome {
-    IRemoteResource::DownloadError lastError = IRemoteResource::DownloadError::NoError;
-    /// Failed attempts since the last success.
-    std::uint64_t failures = 0;
-};
-
 } // namespace
 
 struct HALVEX_HIDDEN DownloadRetrier::Impl {
@@ -28,7 +22,7 @@ struct HALVEX_HIDDEN DownloadRetrier::Impl {
         while (!retryQueue.empty()) {
             ISchedulableResource* resource = retryQueue.front();
             retryQueue.pop_front();
-            if (outcomes[resource].lastError != IRemoteResource::DownloadError::NoError)
+            if (failures.count(resource) != 0)
                 return resource;
         }
         return nullptr;
@@ -51,7 +45,8 @@ struct HALVEX_HIDDEN DownloadRetrier::Impl {
     /// Check has answered Wait for the first resource of the queue; it is retried next.
     bool waitPending GUARDED_BY(mutex) = false;
     ConnectionState connection GUARDED_BY(mutex) = ConnectionState::Good;
-    std::unordered_map<ISchedulableResource*, Outcome> outcomes GUARDED_BY(mutex){8};
+    /// Failed attempts since the last success, of those whose last attempt has failed.
+    std::unordered_map<ISchedulableResource*, std::uint64_t> failures GUARDED_BY(mutex){8};
 };
 
 DownloadRetrier::DownloadRetrier() : m_impl(std::make_unique<Impl>()) {}
@@ -62,19 +57,17 @@ void DownloadRetrier::DownloadFinished(ISchedulableResource* resource,
                                        IRemoteResource::DownloadError error) {
     using DownloadError = IRemoteResource::DownloadError;
     const MutexLock lock(m_impl->mutex);
-    Outcome& outcome = m_impl->outcomes[resource];
-    outcome.lastError = error;
     if (error == DownloadError::NoError) {
         m_impl->retries = 0;
         m_impl->connection = ConnectionState::Good;
-        outcome.failures = 0;
+        m_impl->failures.erase(resource);
         return;
     }
-    ++outcome.failures;
+    const std::uint64_t failures = ++m_impl->failures[resource];
     const std::uint64_t limit = error == DownloadError::InternetConnectionLost
                                     ? kRetriesAfterConnectionLoss
                                     : kRetriesAfterOtherErrors;
-    if (outcome.failures <= limit)
+    if (failures <= limit)
         m_impl->retryQueue.push_back(resource);
 }
 
