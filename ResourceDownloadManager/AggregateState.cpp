@@ -8,7 +8,10 @@ namespace Halvex::App {
 
 namespace {
 
-constexpr int kFractionBits = 100;
+/// A fraction is kept in units of 2^-100, which is the product of two steps that fit 64 bits each:
+/// conversions between 128 bits and floating point are slow.
+constexpr int kStepBits = 50;
+constexpr double kStep = 0x1p50;
 
 /// The counter of an enumeration value; all that are not enumerators share the last one.
 template <typename Counters, typename Enum>
@@ -19,6 +22,15 @@ std::size_t& CounterOf(Counters& counters, Enum value) {
 
 } // namespace
 
+AggregateState::ExactSum::Integer AggregateState::ExactSum::ToInteger(double whole) {
+    return whole < 0x1p62 ? static_cast<std::int64_t>(whole) : static_cast<Integer>(whole);
+}
+
+double AggregateState::ExactSum::ToDouble(Integer value) {
+    const auto small = static_cast<std::int64_t>(value);
+    return small == value ? static_cast<double>(small) : static_cast<double>(value);
+}
+
 void AggregateState::ExactSum::Count(double value, int sign) {
     if (std::isnan(value)) {
         m_notNumbers += sign;
@@ -26,8 +38,11 @@ void AggregateState::ExactSum::Count(double value, int sign) {
         m_infinities += sign;
     } else {
         const double whole = std::floor(value);
-        m_wholes += sign * static_cast<Integer>(whole);
-        m_fractions += sign * static_cast<Integer>(std::ldexp(value - whole, kFractionBits));
+        const double coarse = (value - whole) * kStep;
+        const auto steps = static_cast<std::int64_t>(coarse);
+        const auto rest = static_cast<std::int64_t>((coarse - static_cast<double>(steps)) * kStep);
+        m_wholes += sign * ToInteger(whole);
+        m_fractions += sign * ((static_cast<Integer>(steps) << kStepBits) + rest);
     }
 }
 
@@ -36,8 +51,13 @@ double AggregateState::ExactSum::Value() const {
         return std::numeric_limits<double>::quiet_NaN();
     if (m_infinities != 0)
         return std::numeric_limits<double>::infinity();
-    return static_cast<double>(m_wholes) +
-           std::ldexp(static_cast<double>(m_fractions), -kFractionBits);
+    const Integer wholes = m_wholes + (m_fractions >> (2 * kStepBits));
+    constexpr Integer kMask = (Integer{1} << kStepBits) - 1;
+    const auto steps = static_cast<std::int64_t>((m_fractions >> kStepBits) & kMask);
+    const auto rest = static_cast<std::int64_t>(m_fractions & kMask);
+    const double fraction =
+        (static_cast<double>(steps) + static_cast<double>(rest) / kStep) / kStep;
+    return ToDouble(wholes) + fraction;
 }
 
 void AggregateState::Add(const State& member) {

@@ -41,6 +41,8 @@ private:
     private:
         __extension__ using Integer = __int128;
 
+        static Integer ToInteger(double whole);
+        static double ToDouble(Integer value);
         void Count(double value, int sign);
 
         Integer m_wholes = 0;
