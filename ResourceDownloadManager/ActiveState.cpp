@@ -19,9 +19,18 @@ ActiveState::ActiveState(IEventTracer::TraceRecord record,
       m_tracer(std::move(tracer)) {}
 
 ActiveState::State ActiveState::GetState() {
-    const DeliveryScope delivery(m_delivery);
+    if (DeliveryLock* delivery = FindDeliveryLock()) {
+        const DeliveryScope scope(*delivery);
+        const MutexLock lock(m_mutex);
+        return m_state;
+    }
     const MutexLock lock(m_mutex);
     return m_state;
+}
+
+DeliveryLock* ActiveState::FindDeliveryLock() const {
+    const MutexLock lock(m_mutex);
+    return m_delivery.get();
 }
 
 IEventTracer::TraceRecord ActiveState::GetTraceRecord(State& snapshot) const {
@@ -32,6 +41,13 @@ IEventTracer::TraceRecord ActiveState::GetTraceRecord(State& snapshot) const {
     IEventTracer::TraceRecord record = m_record;
     record.state = &snapshot;
     return record;
+}
+
+DeliveryLock& ActiveState::MakeDeliveryLock() {
+    const MutexLock lock(m_mutex);
+    if (!m_delivery)
+        m_delivery = std::make_unique<DeliveryLock>();
+    return *m_delivery;
 }
 
 void ActiveState::SetAvailable() {
@@ -48,21 +64,23 @@ void ActiveState::SetProgress(std::uint64_t done, std::uint64_t total) {
 }
 
 void ActiveState::AddParent(ActiveState& parent) {
-    State* entry = parent.AddChild(this);
+    State* entry = parent.AddChild();
     const MutexLock lock(m_mutex);
     m_parents.push_back({&parent, entry});
 }
 
-ActiveState::State* ActiveState::AddChild(const ActiveState* child) {
+ActiveState::State* ActiveState::AddChild() {
     const MutexLock lock(m_mutex);
-    State& entry = m_children[child];
-    m_aggregate.Add(entry);
+    if (!m_children)
+        m_children = std::make_unique<Children>();
+    State& entry = m_children->states.emplace_back();
+    m_children->aggregate.Add(entry);
     return &entry;
 }
 
 void ActiveState::AddHandler(IRemoteResourceEventHandler* handler, Callback callback,
                              const IRemoteResource::NotificationParams& params) {
-    const DeliveryScope delivery(m_delivery);
+    const DeliveryScope scope(MakeDeliveryLock());
     const MutexLock lock(m_mutex);
     if (m_handlers.count(handler) == 0)
         m_handlers.emplace(
@@ -71,10 +89,17 @@ void ActiveState::AddHandler(IRemoteResourceEventHandler* handler, Callback call
 
 void ActiveState::RemoveHandler(IRemoteResourceEventHandler* handler) {
     // Dies last: what the entry holds is the application's.
-    decltype(m_handlers)::node_type removed;
-    const DeliveryScope delivery(m_delivery);
+    std::optional<HandlerEntry> removed;
+    DeliveryLock* delivery = FindDeliveryLock();
+    if (delivery == nullptr)
+        return;
+    const DeliveryScope scope(*delivery);
     const MutexLock lock(m_mutex);
-    removed = m_handlers.extract(handler);
+    const auto found = m_handlers.find(handler);
+    if (found == m_handlers.end())
+        return;
+    removed = std::move(found->second);
+    m_handlers.erase(found);
 }
 
 void ActiveState::CheckAllNotifications() {
@@ -127,10 +152,10 @@ bool ActiveState::IsRepeatDueLocked(const HandlerEntry& entry) const {
 }
 
 void ActiveState::UpdateChildLocked(State& entry, const State& state) {
-    m_aggregate.Remove(entry);
+    m_children->aggregate.Remove(entry);
     entry = state;
-    m_aggregate.Add(entry);
-    m_state = m_children.size() == 1 ? entry : m_aggregate.Result();
+    m_children->aggregate.Add(entry);
+    m_state = m_children->states.size() == 1 ? entry : m_children->aggregate.Result();
 }
 
 void ActiveState::Post(Deliveries due) {
@@ -142,7 +167,7 @@ void ActiveState::Deliver(const Delivery& delivery) {
     // A copy, because the observer may unregister while it is called; then this is the last one and
     // dies after the unlock.
     Callback callback;
-    const DeliveryScope scope(m_delivery);
+    const DeliveryScope scope(*FindDeliveryLock());
     State lastNotified;
     {
         const MutexLock lock(m_mutex);

@@ -7,9 +7,12 @@
 #include "ResourceDownloadManager/IRemoteResource.h"
 #include "ResourceDownloadManager/ITaskQueue.h"
 
+#include <boost/container/flat_map.hpp>
+#include <boost/container/small_vector.hpp>
+
 #include <cstdint>
+#include <deque>
 #include <functional>
-#include <map>
 #include <memory>
 #include <optional>
 #include <vector>
@@ -82,17 +85,26 @@ private:
         State state;
     };
 
+    struct Children {
+        /// The last state that each of them has reported, in the order of linking.
+        std::deque<State> states;
+        AggregateState aggregate;
+    };
+
     struct ParentLink {
         ActiveState* parent;
         /// This state's entry among the parent's children, guarded by the parent's mutex.
         State* entry;
     };
 
+    /// Null: there has been no observer yet.
+    DeliveryLock* FindDeliveryLock() const EXCLUDES(m_mutex);
+    DeliveryLock& MakeDeliveryLock() EXCLUDES(m_mutex);
     void Change(State state) EXCLUDES(m_mutex);
     void CheckAllNotificationsLocked(Deliveries& due) REQUIRES(m_mutex);
     void CheckOwnNotificationsLocked(Deliveries& due) REQUIRES(m_mutex);
     bool IsRepeatDueLocked(const HandlerEntry& entry) const REQUIRES(m_mutex);
-    State* AddChild(const ActiveState* child) EXCLUDES(m_mutex);
+    State* AddChild() EXCLUDES(m_mutex);
     void UpdateChildLocked(State& entry, const State& state) REQUIRES(m_mutex);
     void Post(Deliveries due);
     void Deliver(const Delivery& delivery) EXCLUDES(m_mutex);
@@ -101,20 +113,18 @@ private:
     const std::shared_ptr<ITaskQueue> m_notificationQueue;
     const std::shared_ptr<IEventTracer> m_tracer;
 
-    /// Held while an observer is called. Outside every ActiveState's m_mutex.
-    DeliveryLock m_delivery;
-
     /// Taken with the mutex of a child held, never the other way round.
-    mutable Mutex m_mutex ACQUIRED_AFTER(m_delivery);
-    std::map<IRemoteResourceEventHandler*, HandlerEntry, std::less<>>
+    mutable Mutex m_mutex;
+    /// Held while an observer is called. Outside every ActiveState's m_mutex. Made for the first
+    /// observer, which most states never get, and kept.
+    std::unique_ptr<DeliveryLock> m_delivery GUARDED_BY(m_mutex);
+    boost::container::flat_map<IRemoteResourceEventHandler*, HandlerEntry, std::less<>>
         m_handlers GUARDED_BY(m_mutex);
     std::uint64_t m_registrations GUARDED_BY(m_mutex) = 0;
     /// In the order of linking.
-    std::vector<ParentLink> m_parents GUARDED_BY(m_mutex);
-    /// The last state that each child has reported.
-    std::map<const ActiveState*, State, std::less<>> m_children GUARDED_BY(m_mutex);
-    /// Of the states in m_children.
-    AggregateState m_aggregate GUARDED_BY(m_mutex);
+    boost::container::small_vector<ParentLink, 1> m_parents GUARDED_BY(m_mutex);
+    /// Null: there are none, as in most states.
+    std::unique_ptr<Children> m_children GUARDED_BY(m_mutex);
     State m_state GUARDED_BY(m_mutex);
 };
 

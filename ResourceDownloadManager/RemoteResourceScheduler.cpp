@@ -14,6 +14,9 @@
 
 #include <glog/logging.h>
 
+#include <cstddef>
+#include <cstdint>
+#include <memory_resource>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -40,6 +43,13 @@ std::shared_ptr<Interface> OrDefault(const std::shared_ptr<Interface>& service, 
     return std::make_shared<Default>();
 }
 
+/// Descriptors that lie side by side, as they often do, share cache lines of the index as well.
+struct HashByPlace {
+    std::size_t operator()(const ResourceDescriptor* descriptor) const {
+        return reinterpret_cast<std::uintptr_t>(descriptor) / sizeof(*descriptor);
+    }
+};
+
 } // namespace
 
 struct HALVEX_HIDDEN RemoteResourceScheduler::Impl {
@@ -52,10 +62,8 @@ struct HALVEX_HIDDEN RemoteResourceScheduler::Impl {
             return known->second;
         ResourceBundle* bundle = AddBundleLocked(descriptor);
         for (const ResourceDescriptor* member : descriptor->descriptors)
-            bundle->AddItem(*ItemLocked(member));
-        // Pushes the present states of the items up into the new bundle.
-        for (ResourceItem* item : bundle->GetItems())
-            item->State().CheckAllNotifications();
+            bundle->AddItem(ItemLocked(member));
+        bundle->Complete();
         return bundle;
     }
 
@@ -66,22 +74,19 @@ struct HALVEX_HIDDEN RemoteResourceScheduler::Impl {
         return bundles.back().get();
     }
 
-    ResourceItem* ItemLocked(const ResourceDescriptor* descriptor) REQUIRES(mutex) {
-        ResourceItem*& item = itemIndex[descriptor];
-        if (item == nullptr) {
-            items.push_back(std::make_unique<ResourceItem>(descriptor, services));
-            item = items.back().get();
-        }
-        return item;
+    ResourceItem& ItemLocked(const ResourceDescriptor* descriptor) REQUIRES(mutex) {
+        return items.try_emplace(descriptor, descriptor, services).first->second;
     }
 
     const ItemServices services;
     /// Held for the whole of a registration. Outside the locks of items and states.
     Mutex mutex;
+    /// Puts items that are registered together side by side.
+    std::pmr::monotonic_buffer_resource itemMemory GUARDED_BY(mutex);
     // Items outlive the bundles that they list as their states' parents: no item changes any more
     // when this is destroyed.
-    std::vector<std::unique_ptr<ResourceItem>> items GUARDED_BY(mutex);
-    std::unordered_map<const ResourceDescriptor*, ResourceItem*> itemIndex GUARDED_BY(mutex);
+    std::pmr::unordered_map<const ResourceDescriptor*, ResourceItem, HashByPlace>
+        items GUARDED_BY(mutex){&itemMemory};
     std::vector<std::unique_ptr<ResourceBundle>> bundles GUARDED_BY(mutex);
     std::unordered_map<const ResourceDescriptorBundle*, ResourceBundle*>
         bundleIndex GUARDED_BY(mutex);

@@ -3,6 +3,8 @@
 #include "ResourceDownloadManager/IRemoteResourceEventHandler.h"
 #include "ResourceDownloadManager/ResourceItem.h"
 
+#include <algorithm>
+#include <functional>
 #include <utility>
 
 namespace Halvex::App {
@@ -15,7 +17,12 @@ ResourceBundle::ResourceBundle(const ResourceDescriptorBundle* descriptor,
 
 void ResourceBundle::AddItem(ResourceItem& item) {
     item.State().AddParent(m_state);
-    m_items.insert(&item);
+    item.State().CheckAllNotifications();
+    m_items.push_back(&item);
+}
+
+void ResourceBundle::Complete() {
+    std::sort(m_items.begin(), m_items.end(), std::less<>());
 }
 
 void ResourceBundle::Schedule(SchedulePriority priority) {

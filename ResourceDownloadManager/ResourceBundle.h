@@ -3,9 +3,8 @@
 #include "ResourceDownloadManager/ActiveState.h"
 #include "ResourceDownloadManager/IRemoteResource.h"
 
-#include <functional>
 #include <memory>
-#include <set>
+#include <vector>
 
 namespace Halvex::App {
 
@@ -13,10 +12,10 @@ class ResourceItem;
 
 /// A registered bundle: what Register returns to the application.
 ///
-/// Thread-safe, apart from AddItem.
+/// Thread-safe, apart from AddItem and Complete.
 class ResourceBundle : public IRemoteResource {
 public:
-    using Items = std::set<ResourceItem*, std::less<>>;
+    using Items = std::vector<ResourceItem*>;
 
     /// The descriptor must outlive the bundle.
     ResourceBundle(const ResourceDescriptorBundle* descriptor,
@@ -26,9 +25,11 @@ public:
     ResourceBundle(const ResourceBundle&) = delete;
     ResourceBundle& operator=(const ResourceBundle&) = delete;
 
-    /// Adds an item, not owned, and links its state below the bundle's. Before the bundle is handed
-    /// out.
+    /// Adds an item, not owned, and links its state below the bundle's, which learns of it at once.
+    /// Each item once, before the bundle is handed out.
     void AddItem(ResourceItem& item);
+    /// To be called after the last AddItem: puts the items in order.
+    void Complete();
     /// In the order of their addresses.
     const Items& GetItems() const { return m_items; }
 

@@ -165,14 +165,19 @@ void ProgressReport(benchmark::State& state) {
 }
 BENCHMARK(ProgressReport)->Arg(1)->Arg(1'000)->Arg(100'000);
 
+std::size_t AllocatedBytes() {
+    const auto info = ::mallinfo2();
+    return info.uordblks + info.hblkhd;
+}
+
 /// What one registered resource takes in memory, beyond its descriptor.
 void MemoryOfResources(benchmark::State& state) {
     Resources resources(state.range(0));
     for (auto _ : state) {
         const auto manager = Manager([](const IResourceDownloader::Task&) {});
-        const std::size_t before = ::mallinfo2().uordblks;
+        const std::size_t before = AllocatedBytes();
         manager->GetMainScheduler()->Register(&resources.bundle);
-        const std::size_t bytes = ::mallinfo2().uordblks - before;
+        const std::size_t bytes = AllocatedBytes() - before;
         state.counters["bytes_per_resource"] =
             static_cast<double>(bytes) / static_cast<double>(state.range(0));
         manager->Abort();

@@ -41,10 +41,9 @@ protected:
 
     void AddItems(std::size_t count) { AddItemsTo(bundle, count); }
     void AddItemsTo(ResourceBundle& filled, std::size_t count) {
-        for (std::size_t i = 0; i < count; ++i) {
+        for (std::size_t i = 0; i < count; ++i)
             filled.AddItem(*items[i]);
-            items[i]->State().CheckAllNotifications();
-        }
+        filled.Complete();
     }
     ActiveState& Item(std::size_t i) { return items[i]->State(); }
     /// There is no way back to Waiting: an item in it must not have been changed.
