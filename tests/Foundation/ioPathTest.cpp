@@ -397,9 +397,7 @@ TEST_F(ioPathAcrossFileSystemsTest, GoesOnAfterInterruptedAndShortCalls) {
 /// A rename to another file system that fails half way, with a file at its destination.
 class ioPathFailureAcrossFileSystemsTest : public ioPathAcrossFileSystemsTest {
 protected:
-    void SetUp() override {
-        m_elsewhere.Write("b", "old");
-    }
+    void SetUp() override { m_elsewhere.Write("b", "old"); }
 
     void ExpectFailure(const std::string& details) {
         EXPECT_EQ(FailureOf([&] { Rename(); }), details);
