@@ -126,7 +126,8 @@ ExchangeEnd CurlExchange::Run() {
     m_handle.plainSocket = CURL_SOCKET_BAD;
     if (!IsOverTls())
         curl_easy_getinfo(m_handle.easy, CURLINFO_ACTIVESOCKET, &m_handle.plainSocket);
-    if (m_handle.HasUnaskedData())
+    // A redirect's target may be asked for next; other connections are looked at when borrowed.
+    if (!HasDelivered() && m_handle.HasUnaskedData())
         Disconnect(m_handle.plainSocket);
     curl_multi_remove_handle(m_handle.multi, m_handle.easy);
     if (m_exception)

@@ -5,6 +5,7 @@
 #include <csignal>
 #include <ctime>
 #include <new>
+#include <optional>
 #include <utility>
 
 #include <poll.h>
@@ -42,10 +43,25 @@ void OnTlsEvent(const SSL* connection, int event, int value) {
 }
 
 /// A connection stays with the handle that opened it.
-CURLcode PrepareTls(CURL*, void* context, void* handle) {
-    SSL_CTX_set_app_data(static_cast<SSL_CTX*>(context), handle);
-    SSL_CTX_set_info_callback(static_cast<SSL_CTX*>(context), &OnTlsEvent);
+CURLcode OnTlsContext(CURL*, void* context, void* handlePointer) {
+    auto* const tls = static_cast<SSL_CTX*>(context);
+    auto* const handle = static_cast<CurlHandle*>(handlePointer);
+    handle->usesTls = true;
+    SSL_CTX_set_app_data(tls, handle);
+    SSL_CTX_set_info_callback(tls, &OnTlsEvent);
+    X509_STORE* store = handle->authorities.Store();
+    if (store == nullptr)
+        return CURLE_SSL_CACERT_BADFILE;
+    SSL_CTX_set1_cert_store(tls, store);
     return CURLE_OK;
+}
+
+/// Where curl was built to look for the system's authorities; null: nowhere.
+const char* SystemFile() {
+    return curl_version_info(CURLVERSION_NOW)->cainfo;
+}
+const char* SystemFolder() {
+    return curl_version_info(CURLVERSION_NOW)->capath;
 }
 
 bool IsSigpipePending() {
@@ -56,7 +72,29 @@ bool IsSigpipePending() {
 
 } // namespace
 
-CurlHandle::CurlHandle() : easy(OrBadAlloc(curl_easy_init())), multi(curl_multi_init()) {
+TlsAuthorities::~TlsAuthorities() {
+    X509_STORE_free(m_store);
+}
+
+X509_STORE* TlsAuthorities::Store() {
+    const MutexLock lock(m_mutex);
+    if (m_store != nullptr)
+        return m_store;
+    const char* const file = m_file.empty() ? SystemFile() : m_file.c_str();
+    const char* const folder = m_file.empty() ? SystemFolder() : nullptr;
+    X509_STORE* const store = OrBadAlloc(X509_STORE_new());
+    // An intermediate authority in the store is trusted as well, as curl has it.
+    X509_STORE_set_flags(store, X509_V_FLAG_TRUSTED_FIRST | X509_V_FLAG_PARTIAL_CHAIN);
+    const bool hasFile = file != nullptr && X509_STORE_load_file(store, file) == 1;
+    const bool hasFolder = folder != nullptr && X509_STORE_load_path(store, folder) == 1;
+    if (hasFile || hasFolder)
+        return m_store = store;
+    X509_STORE_free(store);
+    return nullptr;
+}
+
+CurlHandle::CurlHandle(TlsAuthorities& trusted)
+    : easy(OrBadAlloc(curl_easy_init())), multi(curl_multi_init()), authorities(trusted) {
     if (multi == nullptr) {
         curl_easy_cleanup(easy);
         throw std::bad_alloc();
@@ -64,12 +102,19 @@ CurlHandle::CurlHandle() : easy(OrBadAlloc(curl_easy_init())), multi(curl_multi_
 }
 
 CurlHandle::~CurlHandle() {
+    std::optional<SigpipeBlock> block;
+    if (usesTls)
+        block.emplace();
     curl_easy_cleanup(easy);
     curl_multi_cleanup(multi);
 }
 
-void CurlHandle::WatchTlsEnd() {
-    curl_easy_setopt(easy, CURLOPT_SSL_CTX_FUNCTION, &PrepareTls);
+void CurlHandle::PrepareTls() {
+    // Not what curl would read anew for each handle.
+    for (const CURLoption option :
+         {CURLOPT_CAINFO, CURLOPT_CAPATH, CURLOPT_PROXY_CAINFO, CURLOPT_PROXY_CAPATH})
+        curl_easy_setopt(easy, option, nullptr);
+    curl_easy_setopt(easy, CURLOPT_SSL_CTX_FUNCTION, &OnTlsContext);
     curl_easy_setopt(easy, CURLOPT_SSL_CTX_DATA, this);
 }
 
@@ -78,8 +123,9 @@ bool CurlHandle::HasUnaskedData() const {
     return plainSocket != CURL_SOCKET_BAD && ::poll(&query, 1, 0) != 0;
 }
 
-CurlHandlePool::CurlHandlePool()
-    : m_share((InitialiseCurl(), OrBadAlloc<void>(curl_share_init()))) {
+CurlHandlePool::CurlHandlePool(std::string authorityFile)
+    : m_authorities(std::move(authorityFile)),
+      m_share((InitialiseCurl(), OrBadAlloc<void>(curl_share_init()))) {
     curl_share_setopt(m_share, CURLSHOPT_USERDATA, this);
     curl_share_setopt(m_share, CURLSHOPT_LOCKFUNC, &CurlHandlePool::Lock);
     curl_share_setopt(m_share, CURLSHOPT_UNLOCKFUNC, &CurlHandlePool::Unlock);
@@ -88,7 +134,6 @@ CurlHandlePool::CurlHandlePool()
 }
 
 CurlHandlePool::~CurlHandlePool() {
-    const SigpipeBlock block;
     {
         const MutexLock lock(m_mutex);
         m_idle.clear();
@@ -101,7 +146,7 @@ std::unique_ptr<CurlHandle> CurlHandlePool::Borrow() {
     while (handle && handle->HasUnaskedData())
         handle = TakeIdle();
     if (!handle)
-        handle = std::make_unique<CurlHandle>();
+        handle = std::make_unique<CurlHandle>(m_authorities);
     curl_easy_setopt(handle->easy, CURLOPT_SHARE, m_share);
     return handle;
 }

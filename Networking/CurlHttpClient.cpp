@@ -12,6 +12,7 @@
 #include <functional>
 #include <memory>
 #include <new>
+#include <optional>
 #include <utility>
 
 namespace Halvex::Networking {
@@ -75,13 +76,11 @@ bool IsRedirect(std::int32_t status) {
 /// One call of the client, with all its redirects and attempts.
 class Call {
 public:
-    Call(CurlHandlePool& pool, const std::string& authorityFile, const Request& request,
-         const Options& options)
-        : m_authorityFile(authorityFile), m_request(request), m_options(options), m_handle(pool),
-          m_stop(options), m_sink(options, m_response.body), m_url(request.url.toString()) {}
+    Call(CurlHandlePool& pool, const Request& request, const Options& options)
+        : m_request(request), m_options(options), m_handle(pool), m_stop(options),
+          m_sink(options, m_response.body), m_url(request.url.toString()) {}
 
     Response Get() {
-        const SigpipeBlock block;
         if (!HasStopped()) {
             FollowRedirects();
             if (m_end == ExchangeEnd::Lost)
@@ -92,7 +91,6 @@ public:
 
     /// Prepare sets the options that make it an upload.
     Response Post(const std::function<void(CURL*)>& prepare) {
-        const SigpipeBlock block;
         if (!HasStopped())
             Exchange(
                 [&](CURL* easy) {
@@ -250,12 +248,21 @@ private:
             prepare(m_handle.Easy());
         curl_easy_setopt(m_handle.Easy(), CURLOPT_HTTPHEADER, m_headers.get());
         CurlExchange exchange(*m_handle, m_options, m_stop, m_sink, std::move(judge));
+        std::optional<SigpipeBlock> block;
+        if (MayRaiseSigpipe())
+            block.emplace();
         m_end = exchange.Run();
         m_head = exchange.Head();
         m_delivered = exchange.HasDelivered();
         m_text = exchange.ErrorText();
         if (m_end == ExchangeEnd::Complete && m_delivered && IsShort())
             m_end = ExchangeEnd::Lost;
+    }
+
+    /// Only connections over TLS raise it: the next one, or older ones that the handle keeps.
+    bool MayRaiseSigpipe() const {
+        return (*m_handle).usesTls || SchemeOf(m_url) == "https" ||
+               SchemeOf(m_options.proxy) == "https";
     }
 
     /// A part that was sent whole may still end before the resource does.
@@ -286,13 +293,7 @@ private:
         curl_easy_setopt(easy, CURLOPT_NOPROXY, "");
         curl_easy_setopt(easy, CURLOPT_USERAGENT, "HalvexResourceDownloadManager/" HALVEX_VERSION);
         curl_easy_setopt(easy, CURLOPT_RANGE, nullptr);
-        (*m_handle).WatchTlsEnd();
-        if (!m_authorityFile.empty()) {
-            curl_easy_setopt(easy, CURLOPT_CAINFO, m_authorityFile.c_str());
-            curl_easy_setopt(easy, CURLOPT_CAPATH, nullptr);
-            curl_easy_setopt(easy, CURLOPT_PROXY_CAINFO, m_authorityFile.c_str());
-            curl_easy_setopt(easy, CURLOPT_PROXY_CAPATH, nullptr);
-        }
+        (*m_handle).PrepareTls();
         SetHeaders();
     }
 
@@ -347,7 +348,6 @@ private:
         return m_options.proxy.empty() ? "" : " through " + OriginOf(m_options.proxy);
     }
 
-    const std::string& m_authorityFile;
     const Request& m_request;
     const Options& m_options;
     BorrowedHandle m_handle;
@@ -402,13 +402,12 @@ void AddPart(curl_mime* mime, const MultiPart::Part& part) {
 
 } // namespace
 
-CurlHttpClient::CurlHttpClient(std::string authorityFile)
-    : m_authorityFile(std::move(authorityFile)) {}
+CurlHttpClient::CurlHttpClient(std::string authorityFile) : m_handles(std::move(authorityFile)) {}
 
 Response CurlHttpClient::get(const Request& request, const Options& options) {
     if (!IsSendable(request))
         return NotSent();
-    return Call(m_handles, m_authorityFile, request, options).Get();
+    return Call(m_handles, request, options).Get();
 }
 
 Response CurlHttpClient::post(const Request& request, const MultiPart& body,
@@ -416,7 +415,7 @@ Response CurlHttpClient::post(const Request& request, const MultiPart& body,
     if (!IsSendable(request))
         return NotSent();
     std::unique_ptr<curl_mime, FreeMime> mime;
-    return Call(m_handles, m_authorityFile, request, options).Post([&](CURL* easy) {
+    return Call(m_handles, request, options).Post([&](CURL* easy) {
         mime.reset(curl_mime_init(easy));
         for (const MultiPart::Part& part : body.parts)
             AddPart(mime.get(), part);
@@ -428,7 +427,7 @@ Response CurlHttpClient::post(const Request& request, const std::string& body,
                               const Options& options) {
     if (!IsSendable(request))
         return NotSent();
-    return Call(m_handles, m_authorityFile, request, options).Post([&](CURL* easy) {
+    return Call(m_handles, request, options).Post([&](CURL* easy) {
         curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body.size()));
         curl_easy_setopt(easy, CURLOPT_POSTFIELDS, body.data());
     });

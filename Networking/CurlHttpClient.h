@@ -29,8 +29,9 @@ namespace Halvex::Networking {
 class CurlHttpClient : public IHttpClient {
 public:
     /// Trusts the system's certificate authorities.
-    CurlHttpClient() = default;
-    /// Trusts those in a file, in PEM format, instead.
+    CurlHttpClient() : CurlHttpClient(std::string()) {}
+    /// Trusts those in a file, in PEM format, instead; an empty path means the
+    /// system's too.
     explicit CurlHttpClient(std::string authorityFile);
 
     Response get(const Request& request, const Options& options) override;
@@ -40,7 +41,6 @@ public:
     Response post(const Request& request, const std::string& body, const Options& options) override;
 
 private:
-    const std::string m_authorityFile;
     CurlHandlePool m_handles;
 };
 
