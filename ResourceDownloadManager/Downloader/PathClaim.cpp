@@ -6,7 +6,8 @@
 #include <condition_variable>
 #include <filesystem>
 #include <set>
-#include <system_error>
+
+#include <sys/stat.h>
 
 namespace Halvex::App {
 
@@ -50,11 +51,17 @@ ClaimedPaths& Claimed() {
 /// The same text for different spellings of one path, ways through linked folders included. The
 /// file itself may be a link that somebody has planted: it is replaced, not followed.
 std::string KeyOf(const ioPath& path) {
-    std::error_code error;
     const std::filesystem::path spelled(path.string());
-    const std::filesystem::path folder = std::filesystem::weakly_canonical(
-        std::filesystem::absolute(spelled, error).parent_path(), error);
-    return (error ? spelled.lexically_normal() : folder / spelled.filename()).string();
+    const std::filesystem::path normal = spelled.lexically_normal();
+    // As it stands first: behind a link, ".." is not what it seems.
+    for (const std::filesystem::path& way : {spelled, normal}) {
+        const std::string folder = way.has_parent_path() ? way.parent_path().string() : ".";
+        struct stat status {};
+        if (::stat(folder.c_str(), &status) == 0)
+            return std::to_string(status.st_dev) + ':' + std::to_string(status.st_ino) + '/' +
+                   way.filename().string();
+    }
+    return normal.string();
 }
 
 } // namespace
@@ -66,7 +73,11 @@ PathClaim::PathClaim(const ioPath& path, const std::function<bool()>& giveUp) : 
 }
 
 bool PathClaim::IsOn(const ioPath& path) const {
-    return KeyOf(path) == m_key;
+    // Another name is another path, wherever it is; that saves a look at the disk.
+    const std::string name = std::filesystem::path(path.string()).filename().string();
+    const bool mayBe = m_key.size() >= name.size() &&
+                       m_key.compare(m_key.size() - name.size(), name.size(), name) == 0;
+    return mayBe && KeyOf(path) == m_key;
 }
 
 PathClaim::~PathClaim() {

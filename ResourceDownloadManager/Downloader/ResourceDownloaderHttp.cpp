@@ -145,7 +145,8 @@ IResourceDownloader::Status ResourceDownloaderHttp::Exec(Task task) const {
     const Task local = std::move(task);
     const ResourceDescriptor& descriptor = *local.descriptor;
     const std::string url = UrlOf(descriptor);
-    LOG(INFO) << "HTTP download=" << url;
+    // glog would make the line even if nobody wants it, which takes longer than all else here.
+    LOG_IF(INFO, FLAGS_minloglevel <= google::GLOG_INFO) << "HTTP download=" << url;
 
     const PathClaim claim(descriptor.tempPath, [&] { return m_impl->IsCancelled(local); });
     if (!claim) {
