@@ -20,6 +20,7 @@ App::IRemoteResource::NotificationParams FileObserver::Params() {
 
 void FileObserver::OnStateChanged(App::IRemoteResource::State state,
                                   const App::ResourceDescriptorBundle* bundle) {
+    bool isFirst = false;
     {
         const std::lock_guard lock(m_mutex);
         Flags& flags = m_flags[bundle->userData];
@@ -27,9 +28,11 @@ void FileObserver::OnStateChanged(App::IRemoteResource::State state,
             flags.downloaded = true;
         if (state.status != Status::Available || std::exchange(flags.available, true))
             return;
+        isFirst = m_newlyAvailable.empty();
         m_newlyAvailable.push_back(bundle->userData);
     }
-    m_wakeup.Notify();
+    if (isFirst)
+        m_wakeup.Notify();
 }
 
 std::vector<std::size_t> FileObserver::TakeAvailable() {

@@ -25,6 +25,8 @@ using Clock = std::chrono::steady_clock;
 using Status = IRemoteResource::DownloadStatus;
 
 constexpr std::chrono::milliseconds kProgressInterval(100);
+/// Files that end within it are reported together.
+constexpr std::chrono::milliseconds kReportInterval(10);
 /// What a transfer gets to notice that it is to end. A client that waits for a silent server may
 /// not notice at all.
 constexpr std::chrono::seconds kAbortLimit(2);
@@ -102,6 +104,7 @@ void Session::Work() {
     }
     m_workEnded = true;
     m_wakeup.Notify();
+    m_end.Notify();
 }
 
 bool Session::WaitForEnd() {
@@ -110,6 +113,8 @@ bool Session::WaitForEnd() {
             return true;
         ReportAvailable();
         ReportProgressIfDue();
+        if (m_signals.Wait(m_end, kReportInterval))
+            return true;
     }
     return false;
 }

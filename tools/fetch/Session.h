@@ -70,6 +70,8 @@ private:
     std::chrono::steady_clock::time_point m_lastProgress;
 
     const Wakeup m_wakeup;
+    /// There is nothing more to wait for.
+    const Wakeup m_end;
     /// Written by the working thread at its end.
     std::atomic<bool> m_workEnded{false};
     FileObserver m_observer;
