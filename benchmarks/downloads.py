@@ -1,0 +1,190 @@
+#!/usr/bin/env python3
+"""Compares halvex-fetch with the downloaders that an application could start instead.
+
+    benchmarks/downloads.py BUILD_FOLDER [--quick] [--json FILE]
+
+nginx serves from memory on loopback, and files are written to memory unless it is said otherwise.
+The programs run in turn, several times; the medians are compared. Needs curl, aria2c and wget2.
+For https the certificate is put into the system's store of this process alone, which takes the
+right to mount; without it those workloads are left out.
+"""
+import argparse
+import ctypes
+import json
+import os
+import pathlib
+import shutil
+import subprocess
+import sys
+import tempfile
+
+from measuring import Nginx, medians
+
+KIB, MIB, GIB = 1024, 1024 ** 2, 1024 ** 3
+STORE = "/etc/ssl/certs/ca-certificates.crt"
+
+
+class Workload:
+    """What is fetched, and what it may cost: ratios to the best peer's wall time and to curl's CPU
+    time, MiB. None: not judged."""
+
+    def __init__(self, name, files, size, wall, cpu=None, memory=None, secure=False, jobs=8,
+                 delay=0, to_disk=False, runs=5):
+        self.name, self.files, self.size, self.runs = name, files, size, runs
+        self.wall, self.cpu, self.memory = wall, cpu, memory
+        self.secure, self.jobs, self.delay, self.to_disk = secure, jobs, delay, to_disk
+
+
+WORKLOADS = [
+    Workload("20,000 files of 16 KiB", 20000, 16 * KIB, 0.95, 1.5, 64),
+    Workload("400 files of 1 MiB", 400, MIB, 0.95, 1.2, 48),
+    Workload("4 files of 1 GiB", 4, GIB, 1.0, 1.1, 32, runs=3),
+    Workload("20,000 files of 16 KiB, https", 20000, 16 * KIB, 1.0, 1.5, 64, secure=True),
+    Workload("4 files of 1 GiB, https", 4, GIB, 1.0, 1.1, 32, secure=True, runs=3),
+    Workload("2,000 files of 16 KiB, 20 ms round trip, 50 at a time", 2000, 16 * KIB, 0.9, jobs=50,
+             delay=20),
+    Workload("400 files of 1 MiB to disk, synced", 400, MIB, 1.2, to_disk=True),
+]
+
+
+class DelayProxy:
+    """Passes connections on to a port with a longer round trip."""
+
+    def __init__(self, build, port, milliseconds):
+        self.process = subprocess.Popen(
+            [build / "benchmarks/HalvexDelayProxy", str(port), str(milliseconds // 2)],
+            stdout=subprocess.PIPE, text=True)
+        self.port = int(self.process.stdout.readline())
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.process.terminate()
+        self.process.wait()
+
+
+def trust(folder):
+    """Makes a certificate and has this process and its children trust it. False: not allowed."""
+    clone_newns, ms_bind, ms_rec, ms_private = 0x20000, 0x1000, 0x4000, 0x40000
+    subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt",
+                    "ec_paramgen_curve:prime256v1", "-nodes", "-days", "2", "-subj", "/CN=127.0.0.1",
+                    "-addext", "subjectAltName=IP:127.0.0.1", "-keyout", folder / "key.pem",
+                    "-out", folder / "certificate.pem"], check=True, stderr=subprocess.DEVNULL)
+    store = folder / "store.pem"
+    store.write_bytes(pathlib.Path(STORE).read_bytes() + (folder / "certificate.pem").read_bytes())
+    libc = ctypes.CDLL(None, use_errno=True)
+    return (libc.unshare(clone_newns) == 0
+            and libc.mount(b"none", b"/", None, ms_rec | ms_private, None) == 0
+            and libc.mount(os.fsencode(store), STORE.encode(), None, ms_bind, None) == 0)
+
+
+def commands_for(workload, build, urls, output, folder):
+    """The programs to compare, by name; ours is the first."""
+    jobs = str(workload.jobs)
+    listing = folder / "urls"
+    listing.write_text("".join(url + "\n" for url in urls))
+    config = folder / "curl"
+    config.write_text("".join(
+        f'url = "{url}"\noutput = "{output}/{url.rsplit("/", 1)[1]}"\n' for url in urls))
+    commands = {
+        "halvex-fetch": [build / "tools/fetch/halvex-fetch", "--client", "native", "--progress",
+                         "none", "--log-level", "error", "-j", jobs, "-o", output, "-i", listing],
+        "curl": ["curl", "-s", "--parallel", "--parallel-max", jobs, "-K", config],
+    }
+    if not workload.delay:
+        commands["aria2c"] = ["aria2c", "-q", "-j", jobs, "-i", listing, "-d", output,
+                              "--file-allocation=none", f"--ca-certificate={STORE}"]
+        commands["wget2"] = ["wget2", "-q", f"--max-threads={jobs}", "-i", listing, "-P", output,
+                             f"--ca-certificate={STORE}"]
+    return {name: list(map(str, command)) for name, command in commands.items()}
+
+
+def judged(value, limit):
+    if limit is None:
+        return f"{value:8.2f}" + " " * 15
+    return f"{value:8.2f} {'<=' if value <= limit else '> '} {limit:<5g} " + \
+           ("yes" if value <= limit else "NO ")
+
+
+def report(workload, costs):
+    """Prints the medians and the verdict; gives what is kept."""
+    ours = costs["halvex-fetch"]
+    best = min((name for name in costs if name != "halvex-fetch"), key=lambda n: costs[n].wall)
+    print(f"\n{workload.name}")
+    for name, cost in costs.items():
+        print(f"  {name:13} wall {cost.wall:7.3f} s   cpu {cost.cpu:7.3f} s   "
+              f"memory {cost.memory:5.0f} MiB")
+    wall, cpu = ours.wall / costs[best].wall, ours.cpu / costs["curl"].cpu
+    print(f"  wall against {best:8} {judged(wall, workload.wall)}")
+    print(f"  cpu against curl      {judged(cpu, workload.cpu)}")
+    print(f"  memory in MiB         {judged(ours.memory, workload.memory)}")
+    return {"name": workload.name, "best": best, "wall": wall, "cpu": cpu, "memory": ours.memory,
+            "limits": {"wall": workload.wall, "cpu": workload.cpu, "memory": workload.memory},
+            "costs": {name: vars(cost) for name, cost in costs.items()}}
+
+
+def run(workload, build, nginx, memory, quick):
+    files, runs = workload.files, workload.runs
+    if quick:
+        files, runs = max(files // 5, min(files, 2)), 3
+    site = memory / "site"
+    shutil.rmtree(site, ignore_errors=True)
+    site.mkdir()
+    source = site / "source"
+    with source.open("wb") as out:
+        for _ in range(max(workload.size // MIB, 1)):
+            out.write(os.urandom(min(workload.size, MIB)))
+    names = [f"file{number}" for number in range(files)]
+    for name in names:
+        os.link(source, site / name)
+    with tempfile.TemporaryDirectory(dir="/var/tmp" if workload.to_disk else memory) as place:
+        output = pathlib.Path(place) / "output"
+        url = nginx.secure_url if workload.secure else nginx.url
+
+        def compare(urls):
+            commands = commands_for(workload, build, urls, output, memory)
+            finish = {name: ["sync", "-f", place] for name in commands if name != "halvex-fetch"}
+            return medians(commands, output, runs, files * workload.size,
+                           finish if workload.to_disk else None)
+
+        if workload.delay:
+            with DelayProxy(build, nginx.port, workload.delay) as proxy:
+                costs = compare([f"http://127.0.0.1:{proxy.port}/{name}" for name in names])
+        else:
+            costs = compare([url(name) for name in names])
+    return report(workload, costs)
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parser.add_argument("build", type=pathlib.Path, help="the folder of the build to measure")
+    parser.add_argument("--quick", action="store_true", help="a fifth of the files, three runs")
+    parser.add_argument("--json", type=pathlib.Path, help="write the figures to this file too")
+    parser.add_argument("--only", default="", help="only the workloads whose name contains this")
+    arguments = parser.parse_args()
+
+    with tempfile.TemporaryDirectory(dir="/dev/shm") as place:
+        memory = pathlib.Path(place)
+        memory.chmod(0o755)
+        tls, server = memory / "tls", memory / "nginx"
+        tls.mkdir()
+        server.mkdir()
+        secure = trust(tls)
+        results = []
+        with Nginx(server, memory / "site", tls) as nginx:
+            for workload in WORKLOADS:
+                if arguments.only not in workload.name:
+                    continue
+                if workload.secure and not secure:
+                    print(f"\n{workload.name}: left out, this process may not mount")
+                    continue
+                results.append(run(workload, arguments.build.resolve(), nginx, memory,
+                                   arguments.quick))
+                sys.stdout.flush()
+    if arguments.json:
+        arguments.json.write_text(json.dumps(results, indent=1) + "\n")
+
+
+if __name__ == "__main__":
+    main()
