@@ -90,7 +90,7 @@ def commands_for(workload, build, urls, output, folder):
     commands = {
         "halvex-fetch": [build / "tools/fetch/halvex-fetch", "--client", "native", "--progress",
                          "none", "--log-level", "error", "-j", jobs, "-o", output, "-i", listing],
-        "curl": ["curl", "-s", "--parallel", "--parallel-max", jobs, "-K", config],
+        "curl": ["curl", "-s", "--no-progress-meter", "--parallel", "--parallel-max", jobs, "-K", config],
     }
     if not workload.delay:
         commands["aria2c"] = ["aria2c", "-q", "-j", jobs, "-i", listing, "-d", output,

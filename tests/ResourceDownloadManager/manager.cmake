@@ -9,3 +9,7 @@ halvex_test(HalvexManagerTests MAIN QtTestMain LABEL unit SOURCES
   ValidatorStubTest.cpp
   "${PROJECT_SOURCE_DIR}/tests/support/ThreadStarts.cpp"
   "${PROJECT_SOURCE_DIR}/tests/support/TimedWaits.cpp")
+
+# A program of its own, because it counts all that is allocated in it.
+halvex_test(HalvexAllocationTests MAIN TestMain LABEL unit SOURCES
+  ActiveStateAllocationTest.cpp)
