@@ -54,8 +54,31 @@ void ActiveState::SetAvailable() {
     Change({Status::Available, Error::NoError, 1.0});
 }
 
+std::uint64_t ActiveState::ErrorCount() const {
+    const MutexLock lock(m_mutex);
+    return m_errors;
+}
+
+bool ActiveState::SetAvailable(std::uint64_t errorCount, const std::function<bool()>& isStillSo) {
+    Deliveries due;
+    {
+        const MutexLock lock(m_mutex);
+        if (m_errors != errorCount && !isStillSo())
+            return false;
+        ChangeLocked({Status::Available, Error::NoError, 1.0}, due);
+    }
+    Post(std::move(due));
+    return true;
+}
+
 void ActiveState::SetError(Error error) {
-    Change({Status::Error, error, 0.0});
+    Deliveries due;
+    {
+        const MutexLock lock(m_mutex);
+        ++m_errors;
+        ChangeLocked({Status::Error, error, 0.0}, due);
+    }
+    Post(std::move(due));
 }
 
 void ActiveState::SetProgress(std::uint64_t done, std::uint64_t total) {
@@ -115,10 +138,14 @@ void ActiveState::Change(State state) {
     Deliveries due;
     {
         const MutexLock lock(m_mutex);
-        m_state = state;
-        CheckAllNotificationsLocked(due);
+        ChangeLocked(state, due);
     }
     Post(std::move(due));
+}
+
+void ActiveState::ChangeLocked(State state, Deliveries& due) {
+    m_state = state;
+    CheckAllNotificationsLocked(due);
 }
 
 void ActiveState::CheckAllNotificationsLocked(Deliveries& due) {

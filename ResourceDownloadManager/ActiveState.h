@@ -48,6 +48,13 @@ public:
 
     void SetAvailable() EXCLUDES(m_mutex);
     void SetError(IRemoteResource::DownloadError error) EXCLUDES(m_mutex);
+    /// How often SetError has been called so far.
+    std::uint64_t ErrorCount() const EXCLUDES(m_mutex);
+    /// SetAvailable, for something found out when SetError had been called so often. If it has been
+    /// called again since, isStillSo is asked, under the lock; false: it is not, and nothing
+    /// changed.
+    bool SetAvailable(std::uint64_t errorCount, const std::function<bool()>& isStillSo)
+        EXCLUDES(m_mutex);
     /// The progress of 0 of 0 is not a number.
     void SetProgress(std::uint64_t done, std::uint64_t total) EXCLUDES(m_mutex);
 
@@ -101,6 +108,7 @@ private:
     DeliveryLock* FindDeliveryLock() const EXCLUDES(m_mutex);
     DeliveryLock& MakeDeliveryLock() EXCLUDES(m_mutex);
     void Change(State state) EXCLUDES(m_mutex);
+    void ChangeLocked(State state, Deliveries& due) REQUIRES(m_mutex);
     void CheckAllNotificationsLocked(Deliveries& due) REQUIRES(m_mutex);
     void CheckOwnNotificationsLocked(Deliveries& due) REQUIRES(m_mutex);
     bool IsRepeatDueLocked(const HandlerEntry& entry) const REQUIRES(m_mutex);
@@ -126,6 +134,7 @@ private:
     /// Null: there are none, as in most states.
     std::unique_ptr<Children> m_children GUARDED_BY(m_mutex);
     State m_state GUARDED_BY(m_mutex);
+    std::uint64_t m_errors GUARDED_BY(m_mutex) = 0;
 };
 
 } // namespace Halvex::App

@@ -55,9 +55,10 @@ void ResourceItem::ScheduleIfNeeded(SchedulePriority priority) {
 }
 
 void ResourceItem::ScheduleUncheckedLocked(SchedulePriority priority) {
+    const std::uint64_t errorCount = m_state.ErrorCount();
     if (m_descriptor->checkOnSchedule == 1 && FileExists(m_descriptor->localPath)) {
-        m_state.SetAvailable();
-        if (m_descriptor->validationMode == kExistenceSuffices)
+        const bool isAvailable = SetAvailable(errorCount);
+        if (isAvailable && m_descriptor->validationMode == kExistenceSuffices)
             return;
     }
     m_scheduledPriority = priority;
@@ -66,10 +67,19 @@ void ResourceItem::ScheduleUncheckedLocked(SchedulePriority priority) {
     m_services.checkQueue->AddTask([this] { Check(); }, ToQueuePriority(priority));
 }
 
+/// Two checks may run at once, and the download of one removes the file that the other has found or
+/// fetched. If it fails, its error must not be overwritten by what was true before.
+bool ResourceItem::SetAvailable(std::uint64_t errorCount) {
+    return m_state.SetAvailable(errorCount, [this] {
+        return FileExists(m_descriptor->localPath) || FileExists(m_descriptor->downloadPath);
+    });
+}
+
 void ResourceItem::Check() {
     Trace(Event::Check);
+    const std::uint64_t errorCount = m_state.ErrorCount();
     if (IsAlreadyAvailable())
-        m_state.SetAvailable();
+        SetAvailable(errorCount);
     else
         StartDownload();
     m_firstCheck = false;
@@ -102,6 +112,7 @@ void ResourceItem::StartDownload() {
 }
 
 DownloadError ResourceItem::Download() {
+    const std::uint64_t errorCount = m_state.ErrorCount();
     IResourceDownloader::Task task;
     task.descriptor = m_descriptor;
     task.progressCallback = [this](std::size_t done, std::size_t total) {
@@ -118,9 +129,8 @@ DownloadError ResourceItem::Download() {
         break;
     }
     const DownloadError outcome = JudgeDownload();
-    if (outcome == DownloadError::NoError)
-        m_state.SetAvailable();
-    return outcome;
+    const bool isLost = outcome == DownloadError::NoError && !SetAvailable(errorCount);
+    return isLost ? DownloadError::GeneralError : outcome;
 }
 
 DownloadError ResourceItem::JudgeDownload() {

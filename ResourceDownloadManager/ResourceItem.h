@@ -6,6 +6,7 @@
 #include "ResourceDownloadManager/ISchedulableResource.h"
 
 #include <atomic>
+#include <cstdint>
 #include <memory>
 
 namespace Halvex::App {
@@ -54,6 +55,7 @@ public:
 
 private:
     void ScheduleUncheckedLocked(SchedulePriority priority) REQUIRES(m_mutex);
+    bool SetAvailable(std::uint64_t errorCount);
     void Check();
     bool IsAlreadyAvailable();
     void StartDownload();

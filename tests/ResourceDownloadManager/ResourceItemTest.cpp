@@ -801,5 +801,70 @@ TEST_F(ResourceItemTest, TwoChecksMayDownloadAtOnce) {
     EXPECT_EQ(State(), "Available NoError 1");
 }
 
+/// The downloader's first task makes the file; a second one removes it and fails.
+class ResourceItemOvertakenTest : public ResourceItemTest {
+protected:
+    ResourceItemOvertakenTest() {
+        descriptor.localPath = descriptor.downloadPath = folder / "file";
+        descriptor.validationMode = 0;
+        fakes.downloader->onExec = [this](const DownloadTask&) {
+            return ++m_downloads == 1 ? Succeed() : Fail();
+        };
+    }
+
+    Status Succeed() {
+        folder.Write("file", "content");
+        return Status::Ok;
+    }
+    Status Fail() {
+        descriptor.localPath.remove();
+        return Status::NetworkFailure;
+    }
+
+    /// A whole check on another thread.
+    void CheckElsewhere() {
+        item.Schedule(Priority::Normal);
+        std::thread([this] { fakes.checks->ExecOne(); }).join();
+    }
+
+    std::atomic<int> m_downloads{0};
+};
+
+TEST_F(ResourceItemOvertakenTest, IsNotAvailableWithoutTheFileThatAnotherDownloadHasRemoved) {
+    descriptor.postProcess = 1;
+    fakes.postProcessor->onProcess = [this](const ResourceDescriptor*) {
+        CheckElsewhere();
+        return 0;
+    };
+    Check();
+    EXPECT_EQ(State(), "Error GeneralError 0");
+}
+
+TEST_F(ResourceItemOvertakenTest, IsAvailableWithTheFileThatItHasFetchedAfterAnothersFailure) {
+    fakes.downloader->onExec = [this](const DownloadTask&) {
+        if (++m_downloads == 2)
+            return Fail();
+        CheckElsewhere();
+        return Succeed();
+    };
+    Check();
+    EXPECT_EQ(State(), "Available NoError 1");
+}
+
+TEST_F(ResourceItemOvertakenTest, IsNotAvailableByAFoundFileThatADownloadHasRemoved) {
+    descriptor.validationMode = 1;
+    folder.Write("file", "content");
+    m_downloads = 1;
+    int validations = 0;
+    fakes.validator->onValidate = [this, &validations](const ResourceDescriptor*) {
+        if (++validations == 2)
+            return 1;
+        CheckElsewhere();
+        return 0;
+    };
+    Check();
+    EXPECT_EQ(State(), "Error InternetConnectionLost 0");
+}
+
 } // namespace
 } // namespace Halvex::App
