@@ -37,11 +37,18 @@ bool IsHost(std::string_view text) {
     return !text.empty() && text.find_first_of(" \"<>\\^`{|}[]") == std::string_view::npos;
 }
 
+/// What may stand in brackets, as far as its characters tell.
+bool IsAddress(std::string_view text) {
+    return IsHost(text) && std::none_of(text.begin(), text.end(), [](char character) {
+               return static_cast<unsigned char>(character) >= 0x80;
+           });
+}
+
 /// host, host:port, [address] or [address]:port
 bool IsHostAndPort(std::string_view text) {
     if (!text.empty() && text.front() == '[') {
         const std::size_t end = text.find(']');
-        if (end == std::string_view::npos || !IsHost(text.substr(1, end - 1)))
+        if (end == std::string_view::npos || !IsAddress(text.substr(1, end - 1)))
             return false;
         const std::string_view rest = text.substr(end + 1);
         return rest.empty() || (rest.front() == ':' && IsPort(rest.substr(1)));

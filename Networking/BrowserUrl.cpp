@@ -70,15 +70,26 @@ bool IsAscii(const std::string& text) {
                        [](char character) { return static_cast<unsigned char>(character) < 0x80; });
 }
 
-/// Host and port, with or without user name, as DNS takes them.
+void AppendAsSent(std::string& text, std::string_view part) {
+    for (std::size_t index = 0; index < part.size(); ++index) {
+        if (MustBeEncoded(part.substr(index)))
+            AppendEncoded(text, part[index]);
+        else
+            text += part[index];
+    }
+}
+
+/// Host and port as DNS takes them, behind user name and password if there are any.
 std::string AsciiAuthority(const std::string& authority) {
-    if (IsAscii(authority))
-        return authority;
     const std::size_t begin = authority.rfind('@') + 1;
-    const std::size_t end = std::min(authority.find(':', begin), authority.size());
-    const QByteArray host =
-        QUrl::toAce(QString::fromStdString(authority.substr(begin, end - begin)));
-    return authority.substr(0, begin) + host.toStdString() + authority.substr(end);
+    std::string encoded;
+    AppendAsSent(encoded, std::string_view(authority).substr(0, begin));
+    const std::string hostAndPort = authority.substr(begin);
+    if (IsAscii(hostAndPort))
+        return encoded + hostAndPort;
+    const std::size_t end = std::min(hostAndPort.find(':'), hostAndPort.size());
+    const QByteArray host = QUrl::toAce(QString::fromStdString(hostAndPort.substr(0, end)));
+    return encoded + host.toStdString() + hostAndPort.substr(end);
 }
 
 struct FreeUrl {
@@ -93,12 +104,7 @@ std::string BrowserUrl(const std::string& url) {
     std::string encoded =
         url.substr(0, authority.begin) +
         AsciiAuthority(url.substr(authority.begin, authority.end - authority.begin));
-    for (std::size_t index = authority.end; index < text.size(); ++index) {
-        if (MustBeEncoded(text.substr(index)))
-            AppendEncoded(encoded, text[index]);
-        else
-            encoded += text[index];
-    }
+    AppendAsSent(encoded, text.substr(authority.end));
     return encoded;
 }
 

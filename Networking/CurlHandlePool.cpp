@@ -93,8 +93,9 @@ X509_STORE* TlsAuthorities::Store() {
     return nullptr;
 }
 
-CurlHandle::CurlHandle(TlsAuthorities& trusted)
-    : easy(OrBadAlloc(curl_easy_init())), multi(curl_multi_init()), authorities(trusted) {
+CurlHandle::CurlHandle(CURLSH* shared, TlsAuthorities& trusted)
+    : easy(OrBadAlloc(curl_easy_init())), multi(curl_multi_init()), share(shared),
+      authorities(trusted) {
     if (multi == nullptr) {
         curl_easy_cleanup(easy);
         throw std::bad_alloc();
@@ -107,6 +108,10 @@ CurlHandle::~CurlHandle() {
         block.emplace();
     curl_easy_cleanup(easy);
     curl_multi_cleanup(multi);
+}
+
+void CurlHandle::Renew() {
+    curl_easy_cleanup(std::exchange(easy, OrBadAlloc(curl_easy_init())));
 }
 
 void CurlHandle::PrepareTls() {
@@ -146,8 +151,7 @@ std::unique_ptr<CurlHandle> CurlHandlePool::Borrow() {
     while (handle && handle->HasUnaskedData())
         handle = TakeIdle();
     if (!handle)
-        handle = std::make_unique<CurlHandle>(m_authorities);
-    curl_easy_setopt(handle->easy, CURLOPT_SHARE, m_share);
+        handle = std::make_unique<CurlHandle>(m_share, m_authorities);
     return handle;
 }
 
@@ -161,7 +165,6 @@ std::unique_ptr<CurlHandle> CurlHandlePool::TakeIdle() {
 }
 
 void CurlHandlePool::GiveBack(std::unique_ptr<CurlHandle> handle) {
-    curl_easy_reset(handle->easy);
     const MutexLock lock(m_mutex);
     m_idle.push_back(std::move(handle));
 }

@@ -37,8 +37,8 @@ private:
 /// An easy handle and the multi handle that drives it, with the connections that it keeps open.
 /// Borrowed for one request at a time.
 struct CurlHandle {
-    /// The authorities must outlive the handle.
-    explicit CurlHandle(TlsAuthorities& authorities);
+    /// Both must outlive the handle.
+    CurlHandle(CURLSH* share, TlsAuthorities& authorities);
     ~CurlHandle();
 
     CurlHandle(const CurlHandle&) = delete;
@@ -48,8 +48,14 @@ struct CurlHandle {
     /// trust the authorities, and tell tlsEnded.
     void PrepareTls();
 
-    CURL* const easy;
+    /// Begins anew with default options; connections stay. To be called before each exchange but
+    /// the first: curl 7.88 keeps a pointer into the headers of the one before, which have been
+    /// freed, and follows it when the first header line of a response is folded.
+    void Renew();
+
+    CURL* easy;
     CURLM* const multi;
+    CURLSH* const share;
     TlsAuthorities& authorities;
     /// Whether there has been a connection over TLS.
     bool usesTls = false;
@@ -79,7 +85,7 @@ public:
     CurlHandlePool& operator=(const CurlHandlePool&) = delete;
 
     /// Of the handles with nothing unasked for the one that was given back last, whose connection
-    /// is the most likely to be alive, or a new one. Its options are the defaults.
+    /// is the most likely to be alive, or a new one.
     std::unique_ptr<CurlHandle> Borrow() EXCLUDES(m_mutex);
     void GiveBack(std::unique_ptr<CurlHandle> handle) EXCLUDES(m_mutex);
 

@@ -274,7 +274,9 @@ private:
     }
 
     void SetOptions() {
+        (*m_handle).Renew();
         CURL* easy = m_handle.Easy();
+        curl_easy_setopt(easy, CURLOPT_SHARE, (*m_handle).share);
         m_encodedUrl = BrowserUrl(m_url);
         curl_easy_setopt(easy, CURLOPT_URL, m_encodedUrl.c_str());
         curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");

@@ -63,8 +63,9 @@ void ResponseHead::AddLine(std::string_view line) {
         return;
     }
     const std::size_t colon = line.find(':');
+    // A name that blanks stand around is not one, for curl neither.
     if (colon != std::string_view::npos)
-        m_headers.emplace_back(Trimmed(line.substr(0, colon)), Trimmed(line.substr(colon + 1)));
+        m_headers.emplace_back(line.substr(0, colon), Trimmed(line.substr(colon + 1)));
 }
 
 std::vector<std::pair<std::string, std::string>> ResponseHead::Cookies() const {

@@ -86,6 +86,9 @@ TEST(Url, RefusesABrokenBracketedAddress) {
     EXPECT_FALSE(Url("http://[::1]8080/a").isValid());
     EXPECT_FALSE(Url("http://[::1]:x/a").isValid());
     EXPECT_FALSE(Url("http://::1]/a").isValid());
+    EXPECT_FALSE(Url("http://[::\xff"
+                     "1]:80/")
+                     .isValid());
 }
 
 TEST(Url, AcceptsBlanksAndOtherBytesThatMustBeEncodedBehindTheHost) {

@@ -365,6 +365,21 @@ TEST_F(CurlHttpClientTest, FollowsRelativeRedirectsAsABrowserDoes) {
     EXPECT_EQ(m_data, "hello");
 }
 
+// curl 7.88 followed a pointer into the freed headers of the redirect. The address sanitizer sees it.
+TEST_F(CurlHttpClientTest, RefusesAFoldedFirstHeaderLineBehindARedirect) {
+    m_server.On("/from", Reply::Redirect("/file"));
+    m_server.On("/file", Reply::Raw("HTTP/1.1 200 OK\r\n folded: x\r\n\r\nhello"));
+    EXPECT_EQ(Get("/from").errorCode, 4);
+    EXPECT_EQ(m_data, "");
+}
+
+TEST_F(CurlHttpClientTest, TakesNoLengthFromANameWithABlank) {
+    m_server.On("/file", Reply::Raw("HTTP/1.1 200 OK\r\nContent-Length :5\r\n\r\nlonger"));
+    EXPECT_EQ(Get("/file").errorCode, 0);
+    EXPECT_EQ(m_data, "longer");
+    EXPECT_THAT(m_progress, Not(Contains(Pair(testing::_, 5u))));
+}
+
 TEST_F(CurlHttpClientTest, ResumesWhereARedirectHasLed) {
     m_server.On("/from", Reply::Redirect("/to"));
     m_server.On("/to", {Reply::Ok("0123456789").Header("ETag", "\"1\"").CutAfter(4),

@@ -1,5 +1,7 @@
 #include "JsonNode.h"
 
+#include "Text.h"
+
 #include <nlohmann/json.hpp>
 
 #include <iterator>
@@ -85,7 +87,7 @@ public:
     bool parse_error(std::size_t, const std::string& token,
                      const nlohmann::json::exception&) override {
         throw JsonError(m_position.line,
-                        "is not valid JSON at " + (token.empty() ? "the end" : token));
+                        "is not valid JSON at " + (token.empty() ? "the end" : Quoted(token)));
     }
 
     JsonNode Take() { return std::move(m_root); }

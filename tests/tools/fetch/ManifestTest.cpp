@@ -185,5 +185,11 @@ TEST(Manifest, TellsTheLineThatIsNoJson) {
     EXPECT_THAT(result.refusals[0], testing::StartsWith("m.json:2: is not valid JSON at "));
 }
 
+TEST(Manifest, RepeatsNoControlCharacterOfWhatIsNoJson) {
+    const PlanResult result = Read("{\"bundles\": \x7f");
+    ASSERT_EQ(result.refusals.size(), 1U);
+    EXPECT_EQ(result.refusals[0].find('\x7f'), std::string::npos) << result.refusals[0];
+}
+
 } // namespace
 } // namespace Halvex::Fetch
