@@ -62,6 +62,8 @@ constexpr std::size_t kMostThreads = 4;
 /// The rounds in which a process comes to have what it then keeps.
 constexpr std::size_t kWarmUpRounds = 3;
 constexpr std::chrono::seconds kHangLimit(120);
+/// For what is bound to come to rest; below the limit for a hang, because a failure here says more.
+constexpr std::chrono::seconds kRestLimit(100);
 /// By how much the memory in use may vary from round to round.
 constexpr std::size_t kMemoryBytes = 1024 * 1024;
 
@@ -172,6 +174,8 @@ public:
         m_lastStatus = state.status;
         ++m_calls;
         m_scene.ExpectTruth(*m_resource);
+        // Whoever removes it waits for the end of this call.
+        EXPECT_FALSE(m_left);
         if (m_calls == m_leavesAfter)
             Leave();
     }
@@ -461,7 +465,7 @@ private:
                 std::this_thread::sleep_for(1ms);
                 return condition();
             },
-            kHangLimit);
+            kRestLimit);
     }
 
     void ExpectTruthAtRest() {
