@@ -10,6 +10,9 @@ halvex_test(HalvexManagerTests MAIN QtTestMain LABEL unit SOURCES
   "${PROJECT_SOURCE_DIR}/tests/support/ThreadStarts.cpp"
   "${PROJECT_SOURCE_DIR}/tests/support/TimedWaits.cpp")
 
-# A program of its own, because it counts all that is allocated in it.
-halvex_test(HalvexAllocationTests MAIN TestMain LABEL unit SOURCES
-  ActiveStateAllocationTest.cpp)
+# A program of its own, because it counts all that is allocated in it. The sanitizers have their own
+# operator new.
+if(NOT HALVEX_SANITIZE)
+  halvex_test(HalvexAllocationTests MAIN TestMain LABEL unit SOURCES
+    ActiveStateAllocationTest.cpp)
+endif()
