@@ -4,6 +4,7 @@
 #include "support/ChildProcess.h"
 #include "support/NginxServer.h"
 #include "support/ScriptedHttpServer.h"
+#include "support/SilentPort.h"
 #include "support/TemporaryFolder.h"
 
 #include <gmock/gmock.h>
@@ -38,6 +39,7 @@ using testing::Not;
 using testing::Pair;
 using Testing::Reply;
 using Testing::ScriptedHttpServer;
+using Testing::SilentPort;
 using testing::SizeIs;
 using testing::StartsWith;
 
@@ -365,7 +367,8 @@ TEST_F(CurlHttpClientTest, FollowsRelativeRedirectsAsABrowserDoes) {
     EXPECT_EQ(m_data, "hello");
 }
 
-// curl 7.88 followed a pointer into the freed headers of the redirect. The address sanitizer sees it.
+// curl 7.88 followed a pointer into the freed headers of the redirect. The address sanitizer sees
+// it.
 TEST_F(CurlHttpClientTest, RefusesAFoldedFirstHeaderLineBehindARedirect) {
     m_server.On("/from", Reply::Redirect("/file"));
     m_server.On("/file", Reply::Raw("HTTP/1.1 200 OK\r\n folded: x\r\n\r\nhello"));
@@ -647,48 +650,13 @@ TEST_F(CurlHttpClientTest, ReportsASilentServerAsALostConnection) {
     EXPECT_EQ(Get("/file").errorCode, 8);
 }
 
-/// A port of loopback at which connections are neither accepted nor refused: the listener's queue
-/// is full.
-class SilentPort {
-public:
-    SilentPort() {
-        m_address.sin_family = AF_INET;
-        m_address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t size = sizeof(m_address);
-        auto* const generic = reinterpret_cast<sockaddr*>(&m_address);
-        EXPECT_EQ(::bind(m_sockets.at(0), generic, size), 0);
-        EXPECT_EQ(::listen(m_sockets.at(0), 0), 0);
-        EXPECT_EQ(::getsockname(m_sockets.at(0), generic, &size), 0);
-        for (std::size_t i = 1; i < m_sockets.size(); ++i)
-            ::connect(m_sockets[i], generic, size);
-    }
-    ~SilentPort() {
-        for (const int socket : m_sockets)
-            ::close(socket);
-    }
-
-    SilentPort(const SilentPort&) = delete;
-    SilentPort& operator=(const SilentPort&) = delete;
-
-    std::string Url() const {
-        return "http://127.0.0.1:" + std::to_string(ntohs(m_address.sin_port)) + "/";
-    }
-
-private:
-    static int NewSocket() {
-        return ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    }
-
-    sockaddr_in m_address{};
-    const std::array<int, 5> m_sockets{NewSocket(), NewSocket(), NewSocket(), NewSocket(),
-                                       NewSocket()};
-};
+;
 
 TEST_F(CurlHttpClientTest, CannotConnectWhereNobodyAnswersInTime) {
     const SilentPort port;
     m_options.connectTimeout = 1;
     m_options.lowSpeedTime = 300;
-    EXPECT_EQ(GetUrl(port.Url()).errorCode, 3);
+    EXPECT_EQ(GetUrl("http://" + port.Address() + "/").errorCode, 3);
 }
 
 // Cancellation
@@ -760,7 +728,7 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST_F(CurlHttpClientCancelTest, IsAskedForOftenWhileConnecting) {
     const SilentPort port;
-    ExpectOftenAsked(port.Url());
+    ExpectOftenAsked("http://" + port.Address() + "/");
 }
 
 TEST_F(CurlHttpClientCancelTest, IsAskedForOftenWhileItsDataIsTakenSlowly) {

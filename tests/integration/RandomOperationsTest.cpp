@@ -582,7 +582,7 @@ std::uint64_t Seed() {
 
 std::chrono::duration<double> DurationOfATest() {
     const char* seconds = std::getenv("HALVEX_RANDOM_SECONDS");
-    return std::chrono::duration<double>(seconds != nullptr ? std::stod(seconds) : 5);
+    return std::chrono::duration<double>(seconds != nullptr ? std::stod(seconds) : 2);
 }
 
 /// Whether the parallel executor is used, and whether notifications come through Qt.
