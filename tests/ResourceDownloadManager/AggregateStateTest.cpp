@@ -1,5 +1,6 @@
 #include "ResourceDownloadManager/AggregateState.h"
 
+#include "support/Sanitizers.h"
 #include "support/SchedulingFakes.h"
 
 #include <gtest/gtest.h>
@@ -21,11 +22,7 @@ using Error = IRemoteResource::DownloadError;
 using State = IRemoteResource::State;
 using Status = IRemoteResource::DownloadStatus;
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr int kRandomChanges = 100'000;
-#else
-constexpr int kRandomChanges = 1'000'000;
-#endif
+constexpr int kRandomChanges = kSanitized ? 100'000 : 1'000'000;
 
 constexpr double kNotANumber = std::numeric_limits<double>::quiet_NaN();
 constexpr double kInfinity = std::numeric_limits<double>::infinity();

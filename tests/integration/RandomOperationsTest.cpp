@@ -4,6 +4,7 @@
 #include "ResourceDownloadManager/ResourceDownloadManager.h"
 #include "integration/RandomOperationsTrace.h"
 #include "integration/RandomOperationsWorld.h"
+#include "support/Sanitizers.h"
 #include "support/SleepingThreads.h"
 #include "support/Waiting.h"
 
@@ -30,14 +31,6 @@
 #include <vector>
 
 #include <malloc.h>
-
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define HALVEX_OWN_ALLOCATOR 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-#define HALVEX_OWN_ALLOCATOR 1
-#endif
-#endif
 
 namespace Halvex::Testing {
 namespace {
@@ -556,11 +549,11 @@ struct Level {
         level.descriptors = static_cast<std::size_t>(
             std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}));
         level.threads = ThreadsOfThisProcess().size();
-#ifndef HALVEX_OWN_ALLOCATOR
-        ::malloc_trim(0);
-        const auto heap = ::mallinfo2();
-        level.memory = heap.uordblks + heap.hblkhd;
-#endif
+        if (!kSanitized) {
+            ::malloc_trim(0);
+            const auto heap = ::mallinfo2();
+            level.memory = heap.uordblks + heap.hblkhd;
+        }
         return level;
     }
 

@@ -1,5 +1,6 @@
 #include "integration/Application.h"
 #include "support/ChildProcess.h"
+#include "support/Sanitizers.h"
 #include "support/ScriptedHttpServer.h"
 #include "support/SilentPort.h"
 #include "support/SleepingThreads.h"
@@ -34,6 +35,7 @@ namespace {
 
 using namespace std::chrono_literals;
 using Testing::Application;
+using Testing::kSanitized;
 using testing::Lt;
 using Testing::Outcome;
 using Testing::ReadFile;
@@ -42,12 +44,6 @@ using Testing::ScriptedHttpServer;
 using Testing::WaitUntil;
 using Clock = std::chrono::steady_clock;
 using Priority = ISchedulableResource::SchedulePriority;
-
-#if defined(__has_feature)
-constexpr bool kSanitized = __has_feature(address_sanitizer) || __has_feature(thread_sanitizer);
-#else
-constexpr bool kSanitized = false;
-#endif
 
 // Shutting down again and again
 

@@ -1,12 +1,13 @@
 #include "support/SystemCalls.h"
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <ctime>
 #include <filesystem>
+#include <mutex>
+#include <shared_mutex>
 #include <system_error>
 #include <utility>
 
@@ -17,7 +18,9 @@ namespace Halvex::Testing {
 
 namespace {
 
-std::atomic<SystemCalls*> currentCalls{nullptr};
+/// Held by whoever tells the test of a call, and by the test while it begins or ceases to listen.
+std::shared_mutex currentCallsMutex;
+SystemCalls* currentCalls = nullptr;
 
 std::string NameOf(const char* path) {
     return std::filesystem::path(path).filename().string();
@@ -46,21 +49,23 @@ std::size_t Shortened(std::size_t size, const SystemCalls::Fault& fault) {
 /// What the test that is running says to a call; nothing when none listens.
 template <typename File, typename... More>
 SystemCalls::Fault Consult(const char* name, File file, More... more) {
-    SystemCalls* const calls = currentCalls;
-    if (calls == nullptr)
+    const std::shared_lock lock(currentCallsMutex);
+    if (currentCalls == nullptr)
         return {};
     std::string files = " " + NameOf(file);
     ((files += " " + std::string(more)), ...);
-    return calls->Record(name, files);
+    return currentCalls->Record(name, files);
 }
 
 } // namespace
 
 SystemCalls::SystemCalls() {
+    const std::unique_lock lock(currentCallsMutex);
     currentCalls = this;
 }
 
 SystemCalls::~SystemCalls() {
+    const std::unique_lock lock(currentCallsMutex);
     currentCalls = nullptr;
 }
 
@@ -197,7 +202,10 @@ int WrappedUnlink(const char* path) {
 }
 
 int WrappedSleep(const timespec* time, timespec* rest) {
-    if (SystemCalls* const calls = currentCalls)
-        calls->Record("nanosleep", "");
+    {
+        const std::shared_lock lock(currentCallsMutex);
+        if (currentCalls != nullptr)
+            currentCalls->Record("nanosleep", "");
+    }
     return RealSleep(time, rest);
 }
