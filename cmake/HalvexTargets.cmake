@@ -26,10 +26,18 @@ function(halvex_configure target)
   endif()
 endfunction()
 
+# With fuzz targets: has the code tell libFuzzer which ways through it an input has taken.
+function(halvex_show_ways target)
+  if(HALVEX_FUZZ)
+    target_compile_options(${target} PRIVATE -fsanitize=fuzzer-no-link)
+  endif()
+endfunction()
+
 # An object library of one folder, ready to become part of the shared library.
 function(halvex_object_library target)
   add_library(${target} OBJECT ${ARGN})
   halvex_configure(${target})
   set_target_properties(${target} PROPERTIES POSITION_INDEPENDENT_CODE ON)
+  halvex_show_ways(${target})
   target_include_directories(${target} PUBLIC "${PROJECT_SOURCE_DIR}" "${HALVEX_GENERATED_DIR}")
 endfunction()

@@ -454,14 +454,14 @@ INSTANTIATE_TEST_SUITE_P(Servers, AbortWithAQueue,
                          &NameOf);
 
 TEST_P(AbortWithAQueue, TakesTwoSecondsAtMost) {
-    // The middle one of three, so that it is not what else the machine does that is measured. The
-    // sanitizers make everything several times slower.
+    // Two of three, so that it is not what else the machine does that is measured. The sanitizers
+    // make everything several times slower.
     constexpr int kMostMilliseconds = kSanitized ? 10'000 : 2000;
-    std::array<std::chrono::milliseconds, 3> durations{};
-    std::generate(durations.begin(), durations.end(), &TimeAbort);
-    std::sort(durations.begin(), durations.end());
-    RecordProperty("milliseconds", static_cast<int>(durations[1].count()));
-    EXPECT_LT(durations[1].count(), kMostMilliseconds);
+    int prompt = 0;
+    int slow = 0;
+    while (prompt < 2 && slow < 2)
+        ++(TimeAbort().count() < kMostMilliseconds ? prompt : slow);
+    EXPECT_EQ(prompt, 2);
 }
 
 // In every order
