@@ -73,6 +73,11 @@ struct Tally {
     Count downloads{};
     Count retries{};
     Count lastStatuses{};
+
+    /// Whether the test has had to do with all that it must have had to do with.
+    bool IsComplete() const {
+        return callbacks != 0 && downloads != 0 && retries != 0 && whole != 0;
+    }
 };
 
 std::ostream& operator<<(std::ostream& stream, const Tally& tally) {
@@ -621,9 +626,14 @@ INSTANTIATE_TEST_SUITE_P(Kinds, RandomOperations,
 
 TEST_P(RandomOperations, LeaveNothingUntrueUnfinishedOrOpen) {
     const auto end = Clock::now() + DurationOfATest();
+    // A loaded machine does little in a short time.
+    const auto isOver = [&] {
+        const auto now = Clock::now();
+        return now >= end && (tally.IsComplete() || now >= end + kGenerousLimit);
+    };
     Level before;
     std::size_t rounds = 0;
-    for (; !HasFailure() && (rounds <= kWarmUpRounds || Clock::now() < end); ++rounds) {
+    for (; !HasFailure() && (rounds <= kWarmUpRounds || !isOver()); ++rounds) {
         RunRound(rounds);
         if (rounds < kWarmUpRounds)
             before = Level::Now();
@@ -632,10 +642,7 @@ TEST_P(RandomOperations, LeaveNothingUntrueUnfinishedOrOpen) {
                 << Level::Now() << " after round " << rounds << ", " << before << " before";
     }
     std::cout << rounds << " rounds, " << tally << std::endl;
-    EXPECT_GT(tally.callbacks, 0U);
-    EXPECT_GT(tally.downloads, 0U);
-    EXPECT_GT(tally.retries, 0U);
-    EXPECT_GT(tally.whole, 0U);
+    EXPECT_TRUE(tally.IsComplete());
 }
 
 } // namespace Halvex::Testing
