@@ -17,12 +17,13 @@ ResourceBundle::ResourceBundle(const ResourceDescriptorBundle* descriptor,
 
 void ResourceBundle::AddItem(ResourceItem& item) {
     item.State().AddParent(m_state);
-    item.State().CheckAllNotifications();
     m_items.push_back(&item);
 }
 
 void ResourceBundle::Complete() {
     std::sort(m_items.begin(), m_items.end(), std::less<>());
+    for (ResourceItem* item : m_items)
+        item->State().CheckAllNotifications();
 }
 
 void ResourceBundle::Schedule(SchedulePriority priority) {

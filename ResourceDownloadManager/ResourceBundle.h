@@ -25,10 +25,11 @@ public:
     ResourceBundle(const ResourceBundle&) = delete;
     ResourceBundle& operator=(const ResourceBundle&) = delete;
 
-    /// Adds an item, not owned, and links its state below the bundle's, which learns of it at once.
-    /// Each item once, before the bundle is handed out.
+    /// Adds an item, not owned, and links its state below the bundle's. Each item once, before the
+    /// bundle is handed out.
     void AddItem(ResourceItem& item);
-    /// To be called after the last AddItem: puts the items in order.
+    /// To be called after the last AddItem: puts the items in order, and has each, in that order,
+    /// push its present state up.
     void Complete();
     /// In the order of their addresses.
     const Items& GetItems() const { return m_items; }
