@@ -46,7 +46,7 @@ constexpr std::chrono::seconds kSoon(25);
 /// The same for gibibytes.
 constexpr std::chrono::seconds kSoonWhenLarge(600);
 /// The limits of a request that is not to reach them.
-constexpr std::chrono::seconds kFarAway(900);
+constexpr std::chrono::seconds kFarAway(90);
 /// The limits of one that is.
 constexpr std::chrono::milliseconds kStallLimit(500);
 constexpr std::chrono::milliseconds kTimeout(1500);
@@ -56,16 +56,16 @@ constexpr std::uint64_t kMemoryBytes = 128 * 1024 * 1024;
 /// Lets another client wait less long than the downloader says.
 class ImpatientClient : public IHttpClient {
 public:
-    ImpatientClient(std::unique_ptr<IHttpClient> client, Pace pace)
-        : m_client(std::move(client)), m_pace(pace) {}
+    ImpatientClient(std::unique_ptr<IHttpClient> client, Pace pace, std::chrono::seconds farAway)
+        : m_client(std::move(client)), m_pace(pace), m_farAway(farAway) {}
 
     Networking::Response get(const Networking::Request& request,
                              const Networking::Options& options) override {
         Networking::Options hurried = options;
         hurried.lowSpeedTime =
-            std::chrono::milliseconds(m_pace == Pace::StallLimit ? kStallLimit : kFarAway).count();
+            std::chrono::milliseconds(m_pace == Pace::StallLimit ? kStallLimit : m_farAway).count();
         hurried.timeout =
-            std::chrono::microseconds(m_pace == Pace::Timeout ? kTimeout : kFarAway).count();
+            std::chrono::microseconds(m_pace == Pace::Timeout ? kTimeout : m_farAway).count();
         return m_client->get(request, hurried);
     }
     Networking::Response post(const Networking::Request&, const Networking::MultiPart&,
@@ -80,6 +80,7 @@ public:
 private:
     const std::unique_ptr<IHttpClient> m_client;
     const Pace m_pace;
+    const std::chrono::seconds m_farAway;
 };
 
 /// How much memory the process has had at most since this began, beyond what it had then.
@@ -207,7 +208,9 @@ private:
             client = std::make_unique<Networking::CurlHttpClient>(m_authority.string());
         else
             client = std::make_unique<Networking::CurlHttpClient>();
-        return std::make_unique<ImpatientClient>(std::move(client), Expected().pace);
+        return std::make_unique<ImpatientClient>(std::move(client), Expected().pace,
+                                                 m_scene.generatedSize > 0 ? kSoonWhenLarge
+                                                                           : kFarAway);
     }
 
     void TrustTheAuthority() {
