@@ -8,6 +8,7 @@
 #include "ResourceDownloadManager/ResourceDescriptor.h"
 #include "ResourceDownloadManager/TaskQueue.h"
 #include "ResourceDownloadManager/ValidatorStub.h"
+#include "support/RecomputedState.h"
 #include "support/Waiting.h"
 
 #include <gtest/gtest.h>
@@ -27,6 +28,7 @@
 namespace Halvex::App {
 namespace {
 
+using Halvex::Testing::Recomputed;
 using Halvex::Testing::WaitUntil;
 using Error = IRemoteResource::DownloadError;
 using Priority = ISchedulableResource::SchedulePriority;
@@ -74,32 +76,6 @@ public:
 void Join(std::vector<std::thread>& threads) {
     for (std::thread& thread : threads)
         thread.join();
-}
-
-State Aggregated(const std::vector<State>& members) {
-    const auto has = [&members](Status status) {
-        return std::any_of(members.begin(), members.end(),
-                           [status](const State& member) { return member.status == status; });
-    };
-    const auto failedWith = [&members](Error error) {
-        return std::any_of(members.begin(), members.end(),
-                           [error](const State& member) { return member.error == error; });
-    };
-    State result;
-    for (const State& member : members)
-        result.progress += member.progress / static_cast<double>(members.size());
-    if (has(Status::Error))
-        result.status = Status::Error;
-    else if (has(Status::Dowloading) || (has(Status::Available) && has(Status::Waiting)))
-        result.status = Status::Dowloading;
-    else if (has(Status::Available))
-        result.status = Status::Available;
-    for (const Error error :
-         {Error::GeneralError, Error::Corrupted, Error::InternetConnectionLost, Error::Cancelled}) {
-        if (failedWith(error))
-            result.error = error;
-    }
-    return result;
 }
 
 class RemoteResourceSchedulerStress : public testing::Test {
@@ -214,7 +190,7 @@ TEST_F(RemoteResourceSchedulerStress, BundlesFollowTheirItemsAndObserversAreCall
         std::vector<State> members;
         for (const ResourceDescriptor* descriptor : bundle.descriptors)
             members.push_back(states[descriptor]);
-        const State expected = Aggregated(members);
+        const State expected = Recomputed(members);
         const State actual = scheduler.Register(&bundle)->GetState();
         EXPECT_EQ(actual.status, expected.status);
         EXPECT_EQ(actual.error, expected.error);

@@ -4,6 +4,7 @@
 #include "ResourceDownloadManager/ResourceDownloadManager.h"
 #include "integration/RandomOperationsTrace.h"
 #include "integration/RandomOperationsWorld.h"
+#include "support/RecomputedState.h"
 #include "support/Sanitizers.h"
 #include "support/SleepingThreads.h"
 #include "support/Waiting.h"
@@ -300,30 +301,6 @@ private:
     std::vector<std::unique_ptr<Observer>> m_gone;
 };
 
-/// The state of a bundle by its rule.
-State Aggregated(const std::vector<State>& members) {
-    const auto has = [&members](Status status) {
-        return std::any_of(members.begin(), members.end(),
-                           [status](const State& member) { return member.status == status; });
-    };
-    State result;
-    for (const State& member : members)
-        result.progress += member.progress / static_cast<double>(members.size());
-    if (has(Status::Error))
-        result.status = Status::Error;
-    else if (has(Status::Dowloading) || (has(Status::Available) && has(Status::Waiting)))
-        result.status = Status::Dowloading;
-    else if (has(Status::Available))
-        result.status = Status::Available;
-    for (const Error error :
-         {Error::GeneralError, Error::Corrupted, Error::InternetConnectionLost, Error::Cancelled}) {
-        if (std::any_of(members.begin(), members.end(),
-                        [error](const State& member) { return member.error == error; }))
-            result.error = error;
-    }
-    return result;
-}
-
 void ExpectSame(const State& actual, const State& expected, const std::string& what) {
     EXPECT_EQ(actual.status, expected.status) << what;
     EXPECT_EQ(actual.error, expected.error) << what;
@@ -460,7 +437,6 @@ private:
         return WaitUntil(
             [&condition] {
                 QCoreApplication::processEvents();
-                std::this_thread::sleep_for(1ms);
                 return condition();
             },
             kRestLimit);
@@ -485,7 +461,7 @@ private:
             std::vector<State> members;
             for (const ResourceDescriptor* file : bundle.descriptor.descriptors)
                 members.push_back(states[file]);
-            ExpectSame(bundle.Register()->GetState(), Aggregated(members), "a bundle");
+            ExpectSame(bundle.Register()->GetState(), Recomputed(members), "a bundle");
             m_scene.ExpectTruth(*bundle.Register());
         }
         if (m_oneWorker)
