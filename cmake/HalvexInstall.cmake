@@ -1,4 +1,4 @@
-# Installs the library, its public headers and the package that find_package looks for.
+# Installs the libraries, their public headers and the package that find_package looks for.
 
 include(CMakePackageConfigHelpers)
 
@@ -50,7 +50,8 @@ set(HALVEX_PUBLIC_HEADERS
   ResourceDownloadManager/TaskQueue.h
   ResourceDownloadManager/TaskQueueImmediate.h
   ResourceDownloadManager/TaskQueueQt.h
-  ResourceDownloadManager/ValidatorStub.h)
+  ResourceDownloadManager/ValidatorStub.h
+  ResourceKit/FileCheck.h)
 
 set(HALVEX_INCLUDE_DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/Halvex")
 foreach(header IN LISTS HALVEX_PUBLIC_HEADERS)
@@ -70,6 +71,15 @@ install(EXPORT HalvexTargets
   FILE HalvexResourceDownloadManagerTargets.cmake
   NAMESPACE Halvex::
   DESTINATION "${HALVEX_PACKAGE_DESTINATION}")
+
+# The kit needs more of those who use it, so its targets are a set of their own.
+install(TARGETS HalvexResourceKit EXPORT HalvexKitTargets
+  LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}")
+install(EXPORT HalvexKitTargets
+  FILE HalvexResourceKitTargets.cmake
+  NAMESPACE Halvex::
+  DESTINATION "${HALVEX_PACKAGE_DESTINATION}")
+
 configure_package_config_file(
   "${PROJECT_SOURCE_DIR}/cmake/HalvexResourceDownloadManagerConfig.cmake.in"
   "${PROJECT_BINARY_DIR}/HalvexResourceDownloadManagerConfig.cmake"

@@ -41,3 +41,19 @@ function(halvex_object_library target)
   halvex_show_ways(${target})
   target_include_directories(${target} PUBLIC "${PROJECT_SOURCE_DIR}" "${HALVEX_GENERATED_DIR}")
 endfunction()
+
+# Makes a shared library one that is installed, under this name of the package's targets.
+function(halvex_shared_library target export_name)
+  target_compile_features(${target} PUBLIC cxx_std_17)
+  set_target_properties(${target} PROPERTIES
+    VERSION ${PROJECT_VERSION}
+    SOVERSION ${PROJECT_VERSION_MAJOR}.${PROJECT_VERSION_MINOR}
+    EXPORT_NAME ${export_name}
+    LINK_DEPENDS "${PROJECT_SOURCE_DIR}/cmake/exports.map")
+  target_link_options(${target} PRIVATE
+    "LINKER:--version-script=${PROJECT_SOURCE_DIR}/cmake/exports.map")
+  if(NOT HALVEX_SANITIZE)
+    # The sanitizers' run-time library comes with the program.
+    target_link_options(${target} PRIVATE LINKER:--no-undefined)
+  endif()
+endfunction()
