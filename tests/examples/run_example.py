@@ -2,14 +2,17 @@
 
 run_example.py NAME PROGRAM
 """
+import contextlib
 import functools
 import http.server
 import os
 import pathlib
+import socket
 import subprocess
 import sys
 import tempfile
 import threading
+import urllib.request
 
 FILES = {"hello.txt": b"Hello!\n", "b.bin": bytes(range(256)) * 1024}
 AVAILABLE = "Status: Available, err:NoError =100%"
@@ -57,6 +60,55 @@ def validator(program, url, folder):
           code == 1 and lines == ["Status: Error, err:Corrupted =0%"])
 
 
+def status_texts(program, url, folder):
+    code, lines = run(program, [url, "b.bin"], folder)
+    check("it says that the file is ready", code == 0 and lines[-1] == "Ready.")
+    check("it begins with waiting", lines[0] == "Waiting...")
+    check("it tells of progress", any(line.startswith("Downloading, ") for line in lines))
+    check_files(folder, ["b.bin"])
+    code, lines = run(program, [url, "missing"], folder)
+    check("a missing file is the server's affair",
+          code == 1 and lines[-1].startswith("The server could not send the file"))
+    with socket.socket() as unused:
+        unused.bind(("127.0.0.1", 0))
+        nobody = f"http://127.0.0.1:{unused.getsockname()[1]}/"
+        code, lines = run(program, [nobody, "b.bin"], folder)
+    check("without a server there is no connection",
+          code == 1 and lines[-1].startswith("No connection."))
+
+
+class Proxy(http.server.BaseHTTPRequestHandler):
+    """Fetches for its clients, and keeps the addresses that they asked for."""
+    asked = []
+
+    def do_GET(self):
+        Proxy.asked.append(self.path)
+        with urllib.request.urlopen(self.path) as answer:
+            body = answer.read()
+        self.send_response(200)
+        self.send_header("Content-Length", str(len(body)))
+        self.end_headers()
+        self.wfile.write(body)
+
+
+def proxy(program, url, folder):
+    with serving(Proxy) as server:
+        code, lines = run(program, [url, "b.bin", f"127.0.0.1:{server.server_port}"], folder)
+        check("the file comes through the proxy", code == 0 and Proxy.asked == [url + "b.bin"])
+        check_files(folder, ["b.bin"])
+    code, lines = run(program, [url, "hello.txt"], folder)
+    check("without the setting it comes directly", code == 0 and len(Proxy.asked) == 1)
+
+
+@contextlib.contextmanager
+def serving(handler):
+    """A web server on a thread of its own."""
+    with http.server.ThreadingHTTPServer(("127.0.0.1", 0), handler) as server:
+        threading.Thread(target=server.serve_forever, daemon=True).start()
+        yield server
+        server.shutdown()
+
+
 name, program = sys.argv[1:]
 with tempfile.TemporaryDirectory() as scratch:
     site = pathlib.Path(scratch, "site")
@@ -66,7 +118,5 @@ with tempfile.TemporaryDirectory() as scratch:
     for file, content in FILES.items():
         (site / file).write_bytes(content)
     handler = functools.partial(http.server.SimpleHTTPRequestHandler, directory=str(site))
-    with http.server.ThreadingHTTPServer(("127.0.0.1", 0), handler) as server:
-        threading.Thread(target=server.serve_forever, daemon=True).start()
+    with serving(handler) as server:
         globals()[name](program, f"http://127.0.0.1:{server.server_port}/", folder)
-        server.shutdown()
