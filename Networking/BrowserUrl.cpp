@@ -79,12 +79,25 @@ void AppendAsSent(std::string& text, std::string_view part) {
     }
 }
 
+/// User name and password; only the last @ of an authority ends them.
+std::string EncodedUser(std::string_view user) {
+    std::string encoded;
+    for (std::size_t at = user.find('@'); at != std::string_view::npos; at = user.find('@')) {
+        AppendAsSent(encoded, user.substr(0, at));
+        AppendEncoded(encoded, '@');
+        user.remove_prefix(at + 1);
+    }
+    AppendAsSent(encoded, user);
+    return encoded;
+}
+
 /// Host and port as DNS takes them, behind user name and password if there are any.
 std::string AsciiAuthority(const std::string& authority) {
-    const std::size_t begin = authority.rfind('@') + 1;
+    const std::size_t userEnd = authority.rfind('@');
+    const std::string hostAndPort = authority.substr(userEnd + 1);
     std::string encoded;
-    AppendAsSent(encoded, std::string_view(authority).substr(0, begin));
-    const std::string hostAndPort = authority.substr(begin);
+    if (userEnd != std::string::npos)
+        encoded = EncodedUser(std::string_view(authority).substr(0, userEnd)) + '@';
     if (IsAscii(hostAndPort))
         return encoded + hostAndPort;
     const std::size_t end = std::min(hostAndPort.find(':'), hostAndPort.size());
@@ -114,7 +127,7 @@ std::string ResolvedUrl(const std::string& base, const std::string& reference) {
     if (!url || curl_url_set(url.get(), CURLUPART_URL, BrowserUrl(base).c_str(), 0) != CURLUE_OK ||
         curl_url_set(url.get(), CURLUPART_URL, BrowserUrl(reference).c_str(),
                      CURLU_NON_SUPPORT_SCHEME) != CURLUE_OK ||
-        curl_url_get(url.get(), CURLUPART_URL, &text, 0) != CURLUE_OK)
+        curl_url_get(url.get(), CURLUPART_URL, &text, CURLU_NO_DEFAULT_PORT) != CURLUE_OK)
         return reference;
     std::string resolved = text;
     curl_free(text);

@@ -4,8 +4,6 @@
 #include <limits>
 #include <utility>
 
-#include <sys/socket.h>
-
 namespace Halvex::Networking {
 
 namespace {
@@ -20,13 +18,6 @@ StopQuery::Clock::time_point DeadlineIn(std::int64_t microseconds) {
     const auto room = std::chrono::duration_cast<std::chrono::microseconds>(
         StopQuery::Clock::time_point::max() - now);
     return now + std::min(std::chrono::microseconds(std::max<std::int64_t>(microseconds, 0)), room);
-}
-
-/// So that curl sees that the connection is not to be used again.
-void Disconnect(curl_socket_t socket) {
-    sockaddr nobody{};
-    nobody.sa_family = AF_UNSPEC;
-    (void)::connect(socket, &nobody, sizeof(nobody));
 }
 
 } // namespace
@@ -117,18 +108,19 @@ CurlExchange::CurlExchange(CurlHandle& handle, const Options& options, StopQuery
 }
 
 ExchangeEnd CurlExchange::Run() {
-    curl_multi_add_handle(m_handle.multi, m_handle.easy);
+    m_handle.EndUnasked();
+    const CURLMcode added = curl_multi_add_handle(m_handle.multi, m_handle.easy);
+    if (added != CURLM_OK) {
+        m_errorText = curl_multi_strerror(added);
+        return m_end;
+    }
     try {
         Drive();
     } catch (...) {
         m_exception = std::current_exception();
     }
-    m_handle.plainSocket = CURL_SOCKET_BAD;
-    if (!IsOverTls())
-        curl_easy_getinfo(m_handle.easy, CURLINFO_ACTIVESOCKET, &m_handle.plainSocket);
-    // A redirect's target may be asked for next; other connections are looked at when borrowed.
-    if (!HasDelivered() && m_handle.HasUnaskedData())
-        Disconnect(m_handle.plainSocket);
+    if (IsOverTls())
+        m_handle.ForgetTlsConnection();
     curl_multi_remove_handle(m_handle.multi, m_handle.easy);
     if (m_exception)
         std::rethrow_exception(m_exception);
@@ -138,9 +130,13 @@ ExchangeEnd CurlExchange::Run() {
 void CurlExchange::Drive() {
     while (true) {
         int running = 0;
-        curl_multi_perform(m_handle.multi, &running);
+        const CURLMcode result = curl_multi_perform(m_handle.multi, &running);
         if (m_exception)
             return;
+        if (result != CURLM_OK) {
+            m_errorText = curl_multi_strerror(result);
+            return;
+        }
         m_sink.ReportProgress();
         if (running == 0 && HasEnded())
             return;

@@ -2,13 +2,15 @@
 
 #include <openssl/ssl.h>
 
+#include <algorithm>
 #include <csignal>
 #include <ctime>
 #include <new>
 #include <optional>
 #include <utility>
 
-#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 namespace Halvex::Networking {
 
@@ -56,6 +58,13 @@ CURLcode OnTlsContext(CURL*, void* context, void* handlePointer) {
     return CURLE_OK;
 }
 
+/// So that curl sees that the connection is not to be used again.
+void Disconnect(curl_socket_t socket) {
+    sockaddr nobody{};
+    nobody.sa_family = AF_UNSPEC;
+    (void)::connect(socket, &nobody, sizeof(nobody));
+}
+
 /// Where curl was built to look for the system's authorities; null: nowhere.
 const char* SystemFile() {
     return curl_version_info(CURLVERSION_NOW)->cainfo;
@@ -82,7 +91,10 @@ X509_STORE* TlsAuthorities::Store() {
         return m_store;
     const char* const file = m_file.empty() ? SystemFile() : m_file.c_str();
     const char* const folder = m_file.empty() ? SystemFolder() : nullptr;
-    X509_STORE* const store = OrBadAlloc(X509_STORE_new());
+    X509_STORE* const store = X509_STORE_new();
+    // Not by an exception: curl is on the way to whom this matters.
+    if (store == nullptr)
+        return nullptr;
     // An intermediate authority in the store is trusted as well, as curl has it.
     X509_STORE_set_flags(store, X509_V_FLAG_TRUSTED_FIRST | X509_V_FLAG_PARTIAL_CHAIN);
     const bool hasFile = file != nullptr && X509_STORE_load_file(store, file) == 1;
@@ -114,7 +126,11 @@ void CurlHandle::Renew() {
     curl_easy_cleanup(std::exchange(easy, OrBadAlloc(curl_easy_init())));
 }
 
-void CurlHandle::PrepareTls() {
+void CurlHandle::PrepareConnections() {
+    curl_easy_setopt(easy, CURLOPT_OPENSOCKETFUNCTION, &CurlHandle::OnOpen);
+    curl_easy_setopt(easy, CURLOPT_OPENSOCKETDATA, this);
+    curl_easy_setopt(easy, CURLOPT_CLOSESOCKETFUNCTION, &CurlHandle::OnClose);
+    curl_easy_setopt(easy, CURLOPT_CLOSESOCKETDATA, this);
     // Not what curl would read anew for each handle.
     for (const CURLoption option :
          {CURLOPT_CAINFO, CURLOPT_CAPATH, CURLOPT_PROXY_CAINFO, CURLOPT_PROXY_CAPATH})
@@ -123,9 +139,45 @@ void CurlHandle::PrepareTls() {
     curl_easy_setopt(easy, CURLOPT_SSL_CTX_DATA, this);
 }
 
-bool CurlHandle::HasUnaskedData() const {
-    pollfd query{plainSocket, POLLIN, 0};
-    return plainSocket != CURL_SOCKET_BAD && ::poll(&query, 1, 0) != 0;
+curl_socket_t CurlHandle::OnOpen(void* handle, curlsocktype, curl_sockaddr* address) {
+    auto& plain = static_cast<CurlHandle*>(handle)->m_plain;
+    const int socket =
+        ::socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
+    if (socket < 0)
+        return CURL_SOCKET_BAD;
+    try {
+        plain.push_back({socket, POLLIN, 0});
+    } catch (const std::bad_alloc&) {
+        ::close(socket);
+        return CURL_SOCKET_BAD;
+    }
+    return socket;
+}
+
+int CurlHandle::OnClose(void* handle, curl_socket_t socket) {
+    static_cast<CurlHandle*>(handle)->Forget(socket);
+    return ::close(socket);
+}
+
+void CurlHandle::Forget(curl_socket_t socket) {
+    m_plain.erase(std::remove_if(m_plain.begin(), m_plain.end(),
+                                 [socket](const pollfd& plain) { return plain.fd == socket; }),
+                  m_plain.end());
+}
+
+void CurlHandle::ForgetTlsConnection() {
+    curl_socket_t socket = CURL_SOCKET_BAD;
+    curl_easy_getinfo(easy, CURLINFO_ACTIVESOCKET, &socket);
+    Forget(socket);
+}
+
+void CurlHandle::EndUnasked() {
+    if (::poll(m_plain.data(), m_plain.size(), 0) <= 0)
+        return;
+    for (const pollfd& plain : m_plain) {
+        if (plain.revents != 0)
+            Disconnect(plain.fd);
+    }
 }
 
 CurlHandlePool::CurlHandlePool(std::string authorityFile)
@@ -147,21 +199,15 @@ CurlHandlePool::~CurlHandlePool() {
 }
 
 std::unique_ptr<CurlHandle> CurlHandlePool::Borrow() {
-    std::unique_ptr<CurlHandle> handle = TakeIdle();
-    while (handle && handle->HasUnaskedData())
-        handle = TakeIdle();
-    if (!handle)
-        handle = std::make_unique<CurlHandle>(m_share, m_authorities);
-    return handle;
-}
-
-std::unique_ptr<CurlHandle> CurlHandlePool::TakeIdle() {
-    const MutexLock lock(m_mutex);
-    if (m_idle.empty())
-        return nullptr;
-    std::unique_ptr<CurlHandle> handle = std::move(m_idle.back());
-    m_idle.pop_back();
-    return handle;
+    {
+        const MutexLock lock(m_mutex);
+        if (!m_idle.empty()) {
+            std::unique_ptr<CurlHandle> handle = std::move(m_idle.back());
+            m_idle.pop_back();
+            return handle;
+        }
+    }
+    return std::make_unique<CurlHandle>(m_share, m_authorities);
 }
 
 void CurlHandlePool::GiveBack(std::unique_ptr<CurlHandle> handle) {

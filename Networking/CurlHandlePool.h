@@ -10,6 +10,8 @@
 #include <utility>
 #include <vector>
 
+#include <poll.h>
+
 namespace Halvex::Networking {
 
 /// The certificate authorities that the connections of one client trust: read when the first of
@@ -45,12 +47,13 @@ struct CurlHandle {
     CurlHandle& operator=(const CurlHandle&) = delete;
 
     /// Has the connections that are opened from here on with the easy handle's present options
-    /// trust the authorities, and tell tlsEnded.
-    void PrepareTls();
+    /// trust the authorities, tell tlsEnded and be known to EndUnasked. Child processes of the
+    /// application do not inherit them.
+    void PrepareConnections();
 
-    /// Begins anew with default options; connections stay. To be called before each exchange but
-    /// the first: curl 7.88 keeps a pointer into the headers of the one before, which have been
-    /// freed, and follows it when the first header line of a response is folded.
+    /// Begins anew with default options; connections stay. To be called before each exchange:
+    /// curl 7.88 keeps a pointer into the headers of the one before, which have been freed, and
+    /// follows it when the first header line of a response is folded.
     void Renew();
 
     CURL* easy;
@@ -59,16 +62,24 @@ struct CurlHandle {
     TlsAuthorities& authorities;
     /// Whether there has been a connection over TLS.
     bool usesTls = false;
-    /// Whether a connection that is kept for later has been spoken to by the server meanwhile, or
-    /// closed: what waits there is not the answer to the next request. Not told of TLS, whose own
-    /// messages may come at any time.
-    bool HasUnaskedData() const;
+    /// Ends the connections kept for later that the server has spoken on meanwhile, or closed: what
+    /// waits there is not the answer to the next request. Not those over TLS, whose own messages
+    /// may come at any time.
+    void EndUnasked();
+    /// To be called after an exchange over TLS, while the easy handle still knows its connection.
+    void ForgetTlsConnection();
 
     /// Set when a server says, by TLS, that it has sent all: without that a connection that ends
     /// has been cut, which curl does not tell.
     bool tlsEnded = false;
-    /// The socket of the latest exchange without TLS, which curl may have closed since.
-    curl_socket_t plainSocket = CURL_SOCKET_BAD;
+
+private:
+    static curl_socket_t OnOpen(void* handle, curlsocktype purpose, curl_sockaddr* address);
+    static int OnClose(void* handle, curl_socket_t socket);
+    void Forget(curl_socket_t socket);
+
+    /// The open connections without TLS, ready to be asked about.
+    std::vector<pollfd> m_plain;
 };
 
 /// The handles of one client. They outlive the threads that use them, so that a connection is
@@ -84,13 +95,12 @@ public:
     CurlHandlePool(const CurlHandlePool&) = delete;
     CurlHandlePool& operator=(const CurlHandlePool&) = delete;
 
-    /// Of the handles with nothing unasked for the one that was given back last, whose connection
-    /// is the most likely to be alive, or a new one.
+    /// The handle that was given back last, whose connection is the most likely to be alive, or a
+    /// new one.
     std::unique_ptr<CurlHandle> Borrow() EXCLUDES(m_mutex);
     void GiveBack(std::unique_ptr<CurlHandle> handle) EXCLUDES(m_mutex);
 
 private:
-    std::unique_ptr<CurlHandle> TakeIdle() EXCLUDES(m_mutex);
     static void Lock(CURL* easy, curl_lock_data data, curl_lock_access access, void* pool);
     static void Unlock(CURL* easy, curl_lock_data data, void* pool);
 

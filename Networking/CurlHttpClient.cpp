@@ -52,11 +52,6 @@ private:
     std::unique_ptr<CurlHandle> m_handle;
 };
 
-curl_socket_t OpenSocket(void*, curlsocktype, curl_sockaddr* address) {
-    // Not for the application's child processes.
-    return ::socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
-}
-
 /// The proxy as curl takes it: with socks5h it is the proxy that resolves the host's name.
 std::string CurlProxy(const std::string& proxy) {
     constexpr char kSocks5[] = "socks5://";
@@ -65,6 +60,7 @@ std::string CurlProxy(const std::string& proxy) {
 
 bool IsSensitive(const std::string& header) {
     return curl_strequal(header.c_str(), "Authorization") != 0 ||
+           curl_strequal(header.c_str(), "Proxy-Authorization") != 0 ||
            curl_strequal(header.c_str(), "Cookie") != 0 ||
            curl_strequal(header.c_str(), "Host") != 0;
 }
@@ -146,6 +142,9 @@ private:
             Fail("redirected from https to " + OriginOf(next));
             return false;
         }
+        const std::string asked = m_request.url.toString();
+        // In one form: ResolvedUrl writes the same address in one way only.
+        m_isSameServer = OriginOf(next) == OriginOf(ResolvedUrl(asked, asked));
         m_url = next;
         return true;
     }
@@ -236,6 +235,11 @@ private:
     }
 
     static Verdict JudgeLength(const ResponseHead& head, std::string& reason) {
+        if (head.HasUnknownCoding()) {
+            reason = "the server sent the body in a transfer coding that is not known: " +
+                     head.Find("Transfer-Encoding");
+            return Verdict::Refuse;
+        }
         if (!head.HasBrokenLength())
             return Verdict::Deliver;
         reason = "the server announced a length that cannot be: " + head.Find("Content-Length");
@@ -286,7 +290,6 @@ private:
         curl_easy_setopt(easy, CURLOPT_HTTP_CONTENT_DECODING, 0L);
         curl_easy_setopt(easy, CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
         curl_easy_setopt(easy, CURLOPT_BUFFERSIZE, kReceiveBufferBytes);
-        curl_easy_setopt(easy, CURLOPT_OPENSOCKETFUNCTION, &OpenSocket);
         curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT,
                          m_options.connectTimeout > 0 ? long{m_options.connectTimeout}
                                                       : kConnectSecondsByDefault);
@@ -295,16 +298,15 @@ private:
         curl_easy_setopt(easy, CURLOPT_NOPROXY, "");
         curl_easy_setopt(easy, CURLOPT_USERAGENT, "HalvexResourceDownloadManager/" HALVEX_VERSION);
         curl_easy_setopt(easy, CURLOPT_RANGE, nullptr);
-        (*m_handle).PrepareTls();
+        (*m_handle).PrepareConnections();
         SetHeaders();
     }
 
     /// What is meant for the server that was asked for does not go to one that it redirects to.
     void SetHeaders() {
-        const bool sameServer = OriginOf(m_url) == OriginOf(m_request.url.toString());
         m_headers.reset();
         for (const auto& [name, value] : m_request.headers) {
-            if (sameServer || !IsSensitive(name))
+            if (m_isSameServer || !IsSensitive(name))
                 AddHeader(std::string(name).append(value.empty() ? ";" : ": ").append(value));
         }
         m_cookies.clear();
@@ -313,7 +315,7 @@ private:
             m_cookies.append(name).append("=").append(value);
         }
         curl_easy_setopt(m_handle.Easy(), CURLOPT_COOKIE,
-                         sameServer && !m_cookies.empty() ? m_cookies.c_str() : nullptr);
+                         m_isSameServer && !m_cookies.empty() ? m_cookies.c_str() : nullptr);
     }
 
     void AddHeader(const std::string& line) {
@@ -360,6 +362,8 @@ private:
     /// The address of the present hop, and as it is sent.
     std::string m_url;
     std::string m_encodedUrl;
+    /// Whether that is on the server that was asked for first.
+    bool m_isSameServer = true;
     std::unique_ptr<curl_slist, FreeList> m_headers;
     std::string m_cookies;
 
@@ -416,8 +420,10 @@ Response CurlHttpClient::post(const Request& request, const MultiPart& body,
                               const Options& options) {
     if (!IsSendable(request))
         return NotSent();
+    Call call(m_handles, request, options);
+    // Goes before the handle is given back: another thread would find it there.
     std::unique_ptr<curl_mime, FreeMime> mime;
-    return Call(m_handles, request, options).Post([&](CURL* easy) {
+    return call.Post([&](CURL* easy) {
         mime.reset(curl_mime_init(easy));
         for (const MultiPart::Part& part : body.parts)
             AddPart(mime.get(), part);

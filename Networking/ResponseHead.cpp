@@ -35,6 +35,16 @@ std::optional<std::int64_t> ParseNumber(std::string_view text) {
     return value;
 }
 
+/// What a server has sent, fit for a line of a log.
+std::string Printable(std::string_view text) {
+    constexpr std::size_t kMostBytes = 200;
+    std::string printable(text.substr(0, kMostBytes));
+    std::replace_if(
+        printable.begin(), printable.end(), [](unsigned char c) { return std::iscntrl(c) != 0; },
+        '?');
+    return printable;
+}
+
 /// A modification time says nothing about changes within its own second, or of a clock that is
 /// ahead.
 bool IsStrongTime(const std::string& modified, const std::string& date) {
@@ -46,11 +56,13 @@ bool IsStrongTime(const std::string& modified, const std::string& date) {
 } // namespace
 
 void ResponseHead::AddLine(std::string_view line) {
-    if (line.substr(0, 5) == "HTTP/") {
+    const bool maybeStatus = !m_begun || (m_complete && m_status < 200);
+    if (maybeStatus && line.substr(0, 5) == "HTTP/") {
         *this = ResponseHead();
+        m_begun = true;
         m_isHttp1 = line.substr(0, 7) == "HTTP/1.";
         const std::size_t blank = std::min(line.find(' '), line.size());
-        m_statusText = Trimmed(line.substr(blank));
+        m_statusText = Printable(Trimmed(line.substr(blank)));
         const std::string_view code = std::string_view(m_statusText).substr(0, 3);
         m_status = static_cast<std::int32_t>(ParseNumber(code).value_or(0));
         return;
@@ -58,7 +70,9 @@ void ResponseHead::AddLine(std::string_view line) {
     // What follows a complete head are the trailers of a chunked body.
     if (m_complete)
         return;
-    if (Trimmed(line).empty()) {
+    m_begun = true;
+    // As curl has it: a line of blanks belongs to the field before it.
+    if (line.empty() || line.front() == '\r' || line.front() == '\n') {
         m_complete = true;
         return;
     }
@@ -108,14 +122,19 @@ bool ResponseHead::HasBrokenLength() const {
     return false;
 }
 
+bool ResponseHead::HasUnknownCoding() const {
+    std::size_t codings = 0;
+    for (const auto& [name, value] : m_headers) {
+        if (!EqualIgnoringCase(name, "Transfer-Encoding"))
+            continue;
+        if (++codings == 2 || !EqualIgnoringCase(value, "chunked"))
+            return true;
+    }
+    return false;
+}
+
 bool ResponseHead::EndsWithConnection() const {
-    constexpr std::string_view kChunked = "chunked";
-    const std::string coding = Find("Transfer-Encoding");
-    if (!m_isHttp1 || (coding.empty() && !Find("Content-Length").empty()))
-        return false;
-    const std::string_view last =
-        std::string_view(coding).substr(coding.size() - std::min(coding.size(), kChunked.size()));
-    return last.size() < kChunked.size() || !EqualIgnoringCase(last, kChunked);
+    return m_isHttp1 && Find("Transfer-Encoding").empty() && Find("Content-Length").empty();
 }
 
 std::string ResponseHead::StrongValidator() const {
@@ -131,8 +150,8 @@ std::optional<ResponseHead::ContentRange> ResponseHead::Range() const {
     constexpr std::string_view kUnit = "bytes ";
     const std::size_t dash = value.find('-');
     const std::size_t slash = value.find('/');
-    if (value.compare(0, kUnit.size(), kUnit) != 0 || dash == std::string::npos ||
-        slash == std::string::npos || slash < dash)
+    if (!EqualIgnoringCase(std::string_view(value).substr(0, kUnit.size()), kUnit) ||
+        dash == std::string::npos || slash == std::string::npos || slash < dash)
         return std::nullopt;
     const std::string_view text = value;
     const auto first = ParseNumber(Trimmed(text.substr(kUnit.size(), dash - kUnit.size())));
@@ -141,10 +160,14 @@ std::optional<ResponseHead::ContentRange> ResponseHead::Range() const {
     if (!first || !last || *last < *first || (total && *total <= *last))
         return std::nullopt;
     const std::string length = Find("Content-Length");
+    // Without adding 1 to what may be the largest number.
     const bool isWholePart =
-        length.empty() || ParseNumber(length) == std::optional(*last - *first + 1);
-    const bool isOnePart = Find("Content-Type").compare(0, 10, "multipart/") != 0;
-    if (!isWholePart || !isOnePart || HasBrokenLength())
+        length.empty() || ParseNumber(length).value_or(0) - 1 == *last - *first;
+    constexpr std::string_view kManyParts = "multipart/";
+    const std::string type = Find("Content-Type");
+    const bool isOnePart =
+        !EqualIgnoringCase(std::string_view(type).substr(0, kManyParts.size()), kManyParts);
+    if (!isWholePart || !isOnePart || HasBrokenLength() || HasUnknownCoding())
         return std::nullopt;
     return ContentRange{*first, *last, total};
 }

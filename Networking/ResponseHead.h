@@ -23,15 +23,16 @@ public:
         std::optional<std::int64_t> total;
     };
 
-    /// Takes the next line, with or without its line end. A status line begins anew, so that of
-    /// several heads (100 Continue, 200 OK) the last one remains.
+    /// Takes the next line, with or without its line end. After the end of a head with a status
+    /// below 200 a status line begins anew, so that of several heads (100 Continue, 200 OK) the
+    /// last one remains; anywhere else it is a field like others.
     void AddLine(std::string_view line);
 
     /// Whether the empty line at the end has come.
     bool IsComplete() const { return m_complete; }
     /// 0: none yet.
     std::int32_t Status() const { return m_status; }
-    /// Such as "404 Not Found".
+    /// Such as "404 Not Found", fit for a log: not too long, and without control characters.
     const std::string& StatusText() const { return m_statusText; }
     const std::vector<std::pair<std::string, std::string>>& Headers() const { return m_headers; }
     /// The cookies that the server sets, name and value.
@@ -43,8 +44,11 @@ public:
     /// Whether the body's length is announced in a way that cannot be believed: not a number, or
     /// two numbers that differ.
     bool HasBrokenLength() const;
+    /// Whether the body comes in another transfer coding than chunks. Where it ends is then known
+    /// to nobody: curl heeds no Content-Length beside one.
+    bool HasUnknownCoding() const;
 
-    /// Whether only the end of the connection tells where the body ends.
+    /// Whether only the end of the connection tells where the body ends. Not for an unknown coding.
     bool EndsWithConnection() const;
 
     /// What to put into If-Range so that only more of exactly this resource comes back: a strong
@@ -56,6 +60,7 @@ public:
     std::optional<ContentRange> Range() const;
 
 private:
+    bool m_begun = false;
     bool m_isHttp1 = false;
     std::int32_t m_status = 0;
     std::string m_statusText;

@@ -21,8 +21,8 @@ public:
     /// It must not wait for another thread that does so, nor call another bundle whose observers
     /// call this one. With TaskQueueImmediate, where registering and scheduling call observers with
     /// the scheduler's or the resource's lock held, it must not register bundles, nor schedule
-    /// resources with checkOnSchedule set, on whatever thread it runs; post that to a thread of
-    /// your own.
+    /// resources with checkOnSchedule set, nor abort the manager, on whatever thread it runs; post
+    /// that to a thread of your own.
     ///
     /// It should not throw. What it throws goes to whoever runs the notification queue: on a worker
     /// thread it ends the process, elsewhere the notifications of other observers and the end of

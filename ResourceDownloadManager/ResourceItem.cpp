@@ -9,6 +9,7 @@
 #include "ResourceDownloadManager/IValidator.h"
 #include "ResourceDownloadManager/ResourceDescriptor.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace Halvex::App {
@@ -57,7 +58,7 @@ void ResourceItem::ScheduleIfNeeded(SchedulePriority priority) {
 void ResourceItem::ScheduleUncheckedLocked(SchedulePriority priority) {
     const std::uint64_t errorCount = m_state.ErrorCount();
     if (m_descriptor->checkOnSchedule == 1 && FileExists(m_descriptor->localPath)) {
-        const bool isAvailable = SetAvailable(errorCount);
+        const bool isAvailable = SetAvailable(errorCount, {&m_descriptor->localPath});
         if (isAvailable && m_descriptor->validationMode == kExistenceSuffices)
             return;
     }
@@ -69,9 +70,11 @@ void ResourceItem::ScheduleUncheckedLocked(SchedulePriority priority) {
 
 /// Two checks may run at once, and the download of one removes the file that the other has found or
 /// fetched. If it fails, its error must not be overwritten by what was true before.
-bool ResourceItem::SetAvailable(std::uint64_t errorCount) {
-    return m_state.SetAvailable(errorCount, [this] {
-        return FileExists(m_descriptor->localPath) || FileExists(m_descriptor->downloadPath);
+bool ResourceItem::SetAvailable(std::uint64_t errorCount,
+                                std::initializer_list<const ioPath*> places) {
+    return m_state.SetAvailable(errorCount, [places] {
+        return std::any_of(places.begin(), places.end(),
+                           [](const ioPath* path) { return FileExists(*path); });
     });
 }
 
@@ -79,7 +82,7 @@ void ResourceItem::Check() {
     Trace(Event::Check);
     const std::uint64_t errorCount = m_state.ErrorCount();
     if (IsAlreadyAvailable())
-        SetAvailable(errorCount);
+        SetAvailable(errorCount, {&m_descriptor->localPath});
     else
         StartDownload();
     m_firstCheck = false;
@@ -129,8 +132,12 @@ DownloadError ResourceItem::Download() {
         break;
     }
     const DownloadError outcome = JudgeDownload();
-    const bool isLost = outcome == DownloadError::NoError && !SetAvailable(errorCount);
-    return isLost ? DownloadError::GeneralError : outcome;
+    if (outcome != DownloadError::NoError)
+        return outcome;
+    // What was fetched may have been made into what is at the local path, or be waiting for that.
+    const bool isThere =
+        SetAvailable(errorCount, {&m_descriptor->localPath, &m_descriptor->downloadPath});
+    return isThere ? DownloadError::NoError : DownloadError::GeneralError;
 }
 
 DownloadError ResourceItem::JudgeDownload() {

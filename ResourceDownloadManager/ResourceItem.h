@@ -1,11 +1,13 @@
 #pragma once
 
 #include "Foundation/Mutex.h"
+#include "Foundation/ioPath.h"
 #include "ResourceDownloadManager/ActiveState.h"
 #include "ResourceDownloadManager/IRemoteResource.h"
 #include "ResourceDownloadManager/ISchedulableResource.h"
 
 #include <atomic>
+#include <initializer_list>
 #include <cstdint>
 #include <memory>
 
@@ -55,7 +57,9 @@ public:
 
 private:
     void ScheduleUncheckedLocked(SchedulePriority priority) REQUIRES(m_mutex);
-    bool SetAvailable(std::uint64_t errorCount);
+    /// False: there have been errors since so many were counted, and there is a file in none of
+    /// these places.
+    bool SetAvailable(std::uint64_t errorCount, std::initializer_list<const ioPath*> places);
     void Check();
     bool IsAlreadyAvailable();
     void StartDownload();

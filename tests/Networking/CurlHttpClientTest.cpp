@@ -383,6 +383,41 @@ TEST_F(CurlHttpClientTest, TakesNoLengthFromANameWithABlank) {
     EXPECT_THAT(m_progress, Not(Contains(Pair(testing::_, 5u))));
 }
 
+// curl heeds no length beside another coding than chunks, and some codings it undoes: a body cut
+// short was taken for whole.
+TEST_F(CurlHttpClientTest, RefusesATransferCodingOtherThanChunks) {
+    for (const char* fields : {"Transfer-Encoding: identity", "Transfer-Encoding: gzip",
+                               "Transfer-Encoding:", "Transfer-Encoding: gzip, chunked",
+                               "Transfer-Encoding: identity\r\nTransfer-Encoding: chunked"}) {
+        m_server.On("/file", Reply::Raw(std::string("HTTP/1.1 200 OK\r\n") + fields +
+                                        "\r\nContent-Length: 50\r\n\r\nshort"));
+        const Response response = Get("/file");
+        EXPECT_EQ(response.errorCode, 4) << fields;
+        EXPECT_THAT(response.errorText, HasSubstr("transfer coding")) << fields;
+    }
+    EXPECT_EQ(m_data, "");
+}
+
+// The head was taken for complete there, and nothing for its body.
+TEST_F(CurlHttpClientTest, TakesNoLineOfBlanksForTheEndOfTheHead) {
+    m_server.On("/cut", Reply::Raw("HTTP/1.1 200 OK\r\nA: b\r\n \r\n"));
+    EXPECT_EQ(Get("/cut").errorCode, 8);
+    m_server.On("/lengths", Reply::Raw("HTTP/1.1 200 OK\r\nA: b\r\n \r\nContent-Length: 50\r\n"
+                                       "Content-Length: 5\r\n\r\nhello"));
+    EXPECT_EQ(Get("/lengths").errorCode, 4);
+    EXPECT_EQ(m_data, "");
+}
+
+// Its status was taken for the response's, and the error page for the file.
+TEST_F(CurlHttpClientTest, TakesNoFieldForAStatusLine) {
+    m_server.On("/file", Reply::Raw("HTTP/1.1 404 Not Found\r\nHTTP/1.1 200 OK: x\r\n"
+                                    "Content-Length: 4\r\n\r\npage"));
+    const Response response = Get("/file");
+    EXPECT_EQ(response.status, 404);
+    EXPECT_EQ(response.errorCode, 4);
+    EXPECT_EQ(m_data, "");
+}
+
 TEST_F(CurlHttpClientTest, ResumesWhereARedirectHasLed) {
     m_server.On("/from", Reply::Redirect("/to"));
     m_server.On("/to", {Reply::Ok("0123456789").Header("ETag", "\"1\"").CutAfter(4),
@@ -438,6 +473,29 @@ TEST_F(CurlHttpClientTest, KeepsSecretsFromTheServerItIsRedirectedTo) {
     EXPECT_EQ(other.Requests().at(0).Header("Cookie"), "");
     EXPECT_NE(other.Requests().at(0).Header("Host"), "named");
     EXPECT_EQ(other.Requests().at(0).Header("X-One"), "1");
+}
+
+TEST_F(CurlHttpClientTest, KeepsWhatIsMeantForAServerThatRedirectsToItself) {
+    const std::string port = std::to_string(m_server.Port());
+    m_server.On("/from", Reply::Redirect("http://127.0.0.1:" + port + "/to"));
+    m_server.On("/to", Reply::Ok("hello"));
+    Request request;
+    // As the address is given, and as it is written in the end.
+    request.url = Url("http://%31%32%37.0.0.1:0" + port + "/from");
+    request.headers = {{"authorization", "secret"}};
+    request.cookies = {{"a", "b"}};
+    EXPECT_EQ(m_client.get(request, m_options).errorCode, 0);
+    EXPECT_EQ(m_server.Requests().at(1).Header("Authorization"), "secret");
+    EXPECT_EQ(m_server.Requests().at(1).Header("Cookie"), "a=b");
+}
+
+TEST_F(CurlHttpClientTest, SendsAPasswordWithAnAt) {
+    m_server.On("/file", Reply::Ok("hello"));
+    EXPECT_EQ(
+        GetUrl("http://user:a@b@127.0.0.1:" + std::to_string(m_server.Port()) + "/file").errorCode,
+        0);
+    // user:a@b
+    EXPECT_EQ(m_server.Requests().at(0).Header("Authorization"), "Basic dXNlcjphQGI=");
 }
 
 // Connections
@@ -550,6 +608,44 @@ TEST_F(CurlHttpClientTest, TakesNothingBehindARedirectForItsTarget) {
     m_server.On("/to", Reply::Ok("right"));
     EXPECT_EQ(Get("/from").errorCode, 0);
     EXPECT_EQ(m_data, "right");
+}
+
+// The connection was only looked at when it was the one used last.
+TEST_F(CurlHttpClientTest, TakesNothingUnaskedAfterAnotherServerWasAskedInBetween) {
+    const Testing::LoopbackPort port;
+    port.Listen();
+    m_server.On("/file", Reply::Ok("other "));
+    Event sent;
+    std::thread server([&] {
+        const int first = port.Accept();
+        Send(first, "HTTP/1.1 200 OK\r\nContent-Length: 4\r\n\r\none ");
+        EXPECT_TRUE(m_reached.Wait());
+        Send(first, "HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nwrong");
+        sent.Set();
+        const int second = port.Accept();
+        Send(second, "HTTP/1.1 200 OK\r\nContent-Length: 3\r\n\r\ntwo");
+        ::close(second);
+        ::close(first);
+    });
+    EXPECT_EQ(GetUrl("http://" + port.Address() + "/").errorCode, 0);
+    m_reached.Set();
+    EXPECT_TRUE(sent.Wait());
+    EXPECT_EQ(Get("/file").errorCode, 0);
+    EXPECT_EQ(GetUrl("http://" + port.Address() + "/").errorCode, 0);
+    server.join();
+    EXPECT_EQ(m_data, "one other two");
+}
+
+TEST_F(CurlHttpClientTest, KeepsItsConnectionsToSeveralServers) {
+    ScriptedHttpServer other;
+    other.On("/file", Reply::Ok("hello"));
+    m_server.On("/file", Reply::Ok("hello"));
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(Get("/file").errorCode, 0);
+        EXPECT_EQ(GetUrl(other.Url("/file")).errorCode, 0);
+    }
+    EXPECT_EQ(m_server.ConnectionCount(), 1);
+    EXPECT_EQ(other.ConnectionCount(), 1);
 }
 
 TEST_F(CurlHttpClientTest, LetsNoChildProcessInheritAConnection) {
@@ -998,6 +1094,26 @@ TEST_F(CurlHttpClientTest, PostsAForm) {
     const std::string body = m_server.Requests().at(0).body;
     EXPECT_THAT(body, HasSubstr("name=\"field\"\r\n\r\nvalue\r\n"));
     EXPECT_THAT(body, HasSubstr("name=\"file\"; filename=\"a.bin\"\r\nContent-Type: image/png"));
+}
+
+// The form was freed after another thread could have the handle. The sanitizers see it.
+TEST_F(CurlHttpClientTest, PostsFormsFromManyThreadsAtOnce) {
+    m_server.On("/form", Reply::Ok(""));
+    Request request;
+    request.url = Url(m_server.Url("/form"));
+    const MultiPart form{{{"field", "", "", "value"}}};
+    Options options;
+    options.timeout = m_options.timeout;
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([&] {
+            for (int n = 0; n < 25; ++n)
+                EXPECT_EQ(m_client.post(request, form, options).errorCode, 0);
+        });
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(m_server.RequestCount("/form"), 100u);
 }
 
 TEST_F(CurlHttpClientTest, RefusesTwoLengthsOfTheAnswerToAnUpload) {

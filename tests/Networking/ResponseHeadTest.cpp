@@ -52,9 +52,19 @@ TEST(ResponseHead, TellsWhetherTheBodyEndsWithTheConnection) {
     EXPECT_TRUE(Head({"HTTP/1.0 200 OK", ""}).EndsWithConnection());
     EXPECT_FALSE(HeadWith({"content-length: 5"}).EndsWithConnection());
     EXPECT_FALSE(HeadWith({"Transfer-Encoding: chunked"}).EndsWithConnection());
-    EXPECT_FALSE(HeadWith({"Transfer-Encoding: gzip, Chunked"}).EndsWithConnection());
-    EXPECT_TRUE(HeadWith({"Transfer-Encoding: identity"}).EndsWithConnection());
     EXPECT_FALSE(Head({"HTTP/2 200 ", ""}).EndsWithConnection());
+}
+
+TEST(ResponseHead, KnowsNoTransferCodingButChunks) {
+    EXPECT_FALSE(HeadWith({}).HasUnknownCoding());
+    EXPECT_FALSE(HeadWith({"transfer-encoding: Chunked"}).HasUnknownCoding());
+    for (const char* coding : {"identity", "gzip", "gzip, chunked", "chunked, chunked", ""})
+        EXPECT_TRUE(HeadWith({std::string("Transfer-Encoding: ") + coding}).HasUnknownCoding())
+            << coding;
+    EXPECT_TRUE(
+        HeadWith({"Transfer-Encoding: identity", "Transfer-Encoding: chunked"}).HasUnknownCoding());
+    EXPECT_TRUE(
+        HeadWith({"Transfer-Encoding: chunked", "Transfer-Encoding: chunked"}).HasUnknownCoding());
 }
 
 TEST(ResponseHead, KeepsTheFieldsInOrder) {
@@ -73,6 +83,29 @@ TEST(ResponseHead, IsCompleteAfterTheEmptyLine) {
     EXPECT_FALSE(head.IsComplete());
     head.AddLine("\r\n");
     EXPECT_TRUE(head.IsComplete());
+}
+
+TEST(ResponseHead, IsNotCompleteAfterALineOfBlanks) {
+    ResponseHead head = Head({"HTTP/1.1 200 OK", "A: 1", " ", "\t", "Content-Length: 5"});
+    EXPECT_FALSE(head.IsComplete());
+    EXPECT_EQ(head.Find("Content-Length"), "5");
+    head.AddLine("\n");
+    EXPECT_TRUE(head.IsComplete());
+}
+
+TEST(ResponseHead, TakesNoFieldForAStatusLine) {
+    const ResponseHead head =
+        Head({"HTTP/1.1 404 Not Found", "Content-Length: 50", "HTTP/1.1 200 OK: x"});
+    EXPECT_EQ(head.Status(), 404);
+    EXPECT_EQ(head.Find("Content-Length"), "50");
+    EXPECT_EQ(Head({"A: 1", "HTTP/1.1 200 OK"}).Status(), 0);
+    EXPECT_EQ(Head({"HTTP/1.1 404 Not Found", "", "HTTP/1.1 200 OK"}).Status(), 404);
+}
+
+TEST(ResponseHead, HasAStatusTextFitForALog) {
+    const ResponseHead head = Head({"HTTP/1.1 404 a\x1b[1mb" + std::string(1000, 'c')});
+    EXPECT_EQ(head.StatusText().substr(0, 10), "404 a?[1mb");
+    EXPECT_EQ(head.StatusText().size(), 200u);
 }
 
 TEST(ResponseHead, BeginsAnewWithEachStatusLine) {
@@ -160,10 +193,29 @@ TEST(ResponseHead, ReadsARangeOfAnUnknownTotal) {
 }
 
 TEST(ResponseHead, ReadsNoRangeFromAnythingElse) {
-    for (const char* range : {"", "bytes */10", "5-9/10", "items 5-9/10", "bytes 5/9-10",
-                              "bytes -9/10", "bytes x-9/10"})
+    for (const char* range :
+         {"", "bytes */10", "5-9/10", "items 5-9/10", "bytes 5/9-10", "bytes -9/10", "bytes x-9/10",
+          "bytes 9-5/10", "bytes 5-9/9", "bytes 5-9223372036854775808/*"})
         EXPECT_FALSE(HeadWith({std::string("Content-Range: ") + range}).Range()) << range;
     EXPECT_FALSE(HeadWith({}).Range());
+}
+
+TEST(ResponseHead, ReadsARangeInAnyCase) {
+    EXPECT_TRUE(HeadWith({"Content-Range: Bytes 5-9/10"}).Range());
+}
+
+TEST(ResponseHead, ReadsNoRangeThatTheRestContradicts) {
+    const std::string range = "Content-Range: bytes 5-9/10";
+    EXPECT_TRUE(HeadWith({range, "Content-Length: 5"}).Range());
+    EXPECT_FALSE(HeadWith({range, "Content-Length: 6"}).Range());
+    EXPECT_FALSE(HeadWith({range, "Content-Type: MultiPart/byteranges; boundary=x"}).Range());
+    EXPECT_FALSE(HeadWith({range, "Transfer-Encoding: gzip"}).Range());
+}
+
+TEST(ResponseHead, ReadsTheLargestRange) {
+    const std::string range = "Content-Range: bytes 0-9223372036854775807/*";
+    EXPECT_TRUE(HeadWith({range}).Range());
+    EXPECT_FALSE(HeadWith({range, "Content-Length: 9223372036854775807"}).Range());
 }
 
 } // namespace

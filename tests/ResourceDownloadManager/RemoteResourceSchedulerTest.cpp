@@ -282,6 +282,40 @@ TEST_F(RemoteResourceSchedulerTest, ThreadsThatRegisterTheSameBundleGetTheSameRe
 
 // Checks that run at once.
 
+TEST_F(RemoteResourceSchedulerTest, ARegistrationWaitsForTheEndOfAnotherOne) {
+    const ResourceDescriptorBundle earlier = Bundle({0});
+    const ResourceDescriptorBundle later = Bundle({0, 1});
+    const ResourceDescriptorBundle another = Bundle({2});
+    FakeObserver observer;
+    IRemoteResource* resource = scheduler.Register(&earlier);
+    resource->Schedule(Priority::Normal);
+    fakes.downloader->onExec = [&](const IResourceDownloader::Task& task) {
+        task.progressCallback(1, 2);
+        resource->RegisterEventHandler(&observer, {true, {Status::Dowloading}, 0});
+        Event hasRegistered;
+        std::thread elsewhere;
+        bool wasHeldUp = false;
+        // Inside the last step of the registration, which tells of the items' states.
+        fakes.notifications->onAddTask = [&] {
+            elsewhere = std::thread([&] {
+                scheduler.Register(&another);
+                hasRegistered.Set();
+            });
+            wasHeldUp = !hasRegistered.Wait(std::chrono::milliseconds(50));
+        };
+        scheduler.Register(&later);
+        EXPECT_TRUE(wasHeldUp);
+        fakes.notifications->onAddTask = [] {
+        };
+        EXPECT_TRUE(hasRegistered.Wait());
+        elsewhere.join();
+        return IResourceDownloader::Status::Ok;
+    };
+    fakes.checks->ExecAll();
+    EXPECT_EQ(CallCount("Exec a"), 1u);
+    resource->UnregisterEventHandler(&observer);
+}
+
 TEST_F(RemoteResourceSchedulerTest, TwoChecksOfOneItemMayRunAtOnce) {
     const ResourceDescriptorBundle bundle = Bundle({0, 1});
     IRemoteResource* resource = scheduler.Register(&bundle);

@@ -45,6 +45,14 @@ protected:
             filled.AddItem(*items[i]);
         filled.Complete();
     }
+    /// The indices of the items, in the order of the items' addresses.
+    std::vector<std::size_t> ByAddress() const {
+        std::vector<std::size_t> indices{0, 1, 2};
+        std::sort(indices.begin(), indices.end(), [this](std::size_t one, std::size_t other) {
+            return std::less<>()(items[one].get(), items[other].get());
+        });
+        return indices;
+    }
     ActiveState& Item(std::size_t i) { return items[i]->State(); }
     /// There is no way back to Waiting: an item in it must not have been changed.
     static void Set(ActiveState& item, Status status) {
@@ -101,19 +109,45 @@ TEST_F(ResourceBundleTest, ItsRecordsNameItsDescriptorAndNoResource) {
 // Scheduling.
 
 TEST_F(ResourceBundleTest, SchedulesEachItemInTheOrderOfTheirAddresses) {
-    AddItems(3);
+    std::vector<std::size_t> ascending = ByAddress();
+    for (auto i = ascending.rbegin(); i != ascending.rend(); ++i)
+        bundle.AddItem(*items[*i]);
+    bundle.Complete();
     bundle.Schedule(Priority::High);
     std::vector<std::string> expected;
-    for (ResourceItem* item : bundle.GetItems()) {
-        for (std::size_t i = 0; i < items.size(); ++i) {
-            if (items[i].get() == item)
-                expected.push_back("Trace CheckScheduled " + descriptors[i].relativePath +
-                                   " Waiting NoError 0");
-        }
+    for (const std::size_t i : ascending) {
+        expected.push_back("Trace CheckScheduled " + descriptors[i].relativePath +
+                           " Waiting NoError 0");
         expected.emplace_back("AddTask checks 1");
     }
-    EXPECT_TRUE(std::is_sorted(bundle.GetItems().begin(), bundle.GetItems().end(), std::less<>()));
     EXPECT_EQ(fakes.recorder.Take(), expected);
+}
+
+TEST_F(ResourceBundleTest, TellsOfItsItemsStatesWhenAllAreLinkedInTheOrderOfTheirAddresses) {
+    std::vector<std::size_t> ascending = ByAddress();
+    std::vector<std::unique_ptr<ResourceBundle>> others;
+    std::array<FakeObserver, 3> observers;
+    std::vector<std::size_t> heard;
+    for (std::size_t i = 0; i < items.size(); ++i) {
+        ResourceBundle& other = *others.emplace_back(
+            std::make_unique<ResourceBundle>(&descriptor, fakes.notifications, fakes.tracer));
+        other.AddItem(*items[i]);
+        Set(Item(i), Status::Dowloading);
+        // Every state that is pushed up is due, changed or not.
+        other.RegisterEventHandler(&observers[i], {true, {Status::Dowloading}, 0});
+        fakes.notifications->ExecAll();
+        observers[i].onStateChanged = [&heard, i](IRemoteResource::State) {
+            heard.push_back(i);
+        };
+    }
+    for (auto i = ascending.rbegin(); i != ascending.rend(); ++i)
+        bundle.AddItem(*items[*i]);
+    EXPECT_EQ(fakes.notifications->Pending(), 0u);
+    bundle.Complete();
+    fakes.notifications->ExecAll();
+    EXPECT_EQ(heard, ascending);
+    for (std::size_t i = 0; i < items.size(); ++i)
+        others[i]->UnregisterEventHandler(&observers[i]);
 }
 
 TEST_F(ResourceBundleTest, SchedulesWithoutCondition) {

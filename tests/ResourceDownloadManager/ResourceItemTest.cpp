@@ -838,6 +838,10 @@ TEST_F(ResourceItemOvertakenTest, IsNotAvailableWithoutTheFileThatAnotherDownloa
     };
     Check();
     EXPECT_EQ(State(), "Error GeneralError 0");
+    const Calls calls = fakes.recorder.Take();
+    EXPECT_THAT(calls, Contains("DownloadFinished GeneralError").Times(1));
+    EXPECT_THAT(calls, Contains("Trace /Download \"a.bin, err:GeneralError\"").Times(1));
+    EXPECT_THAT(calls, Not(Contains("DownloadFinished NoError")));
 }
 
 TEST_F(ResourceItemOvertakenTest, IsAvailableWithTheFileThatItHasFetchedAfterAnothersFailure) {
@@ -849,6 +853,34 @@ TEST_F(ResourceItemOvertakenTest, IsAvailableWithTheFileThatItHasFetchedAfterAno
     };
     Check();
     EXPECT_EQ(State(), "Available NoError 1");
+}
+
+TEST_F(ResourceItemOvertakenTest, IsAvailableWithAFetchedFileThatIsStillToBeMadeIntoTheLocalOne) {
+    descriptor.localPath = folder / "not made yet";
+    fakes.downloader->onExec = [this](const DownloadTask&) {
+        if (++m_downloads == 2)
+            return Status::NetworkFailure;
+        CheckElsewhere();
+        return Succeed();
+    };
+    Check();
+    EXPECT_EQ(State(), "Available NoError 1");
+}
+
+TEST_F(ResourceItemOvertakenTest, IsNotAvailableByAFoundFileWhenOnlyWhatItIsMadeOfIsLeft) {
+    descriptor.validationMode = 1;
+    descriptor.downloadPath = folder.Write("archive", "content");
+    folder.Write("file", "content");
+    m_downloads = 1;
+    int validations = 0;
+    fakes.validator->onValidate = [this, &validations](const ResourceDescriptor*) {
+        if (++validations == 2)
+            return 1;
+        CheckElsewhere();
+        return 0;
+    };
+    Check();
+    EXPECT_EQ(State(), "Error InternetConnectionLost 0");
 }
 
 TEST_F(ResourceItemOvertakenTest, IsNotAvailableByAFoundFileThatADownloadHasRemoved) {
