@@ -145,8 +145,11 @@ bool IsDocumentedCode(std::int32_t code) {
 std::int64_t AnnouncedBytes(const Response& response) {
     std::string length;
     for (const auto& [name, value] : response.headers) {
-        if (curl_strequal(name.c_str(), "Transfer-Encoding") != 0)
+        if (curl_strequal(name.c_str(), "Transfer-Encoding") != 0) {
+            // Behind any other coding nobody knows where the body ends.
+            CHECK(curl_strequal(value.c_str(), "chunked") != 0) << value;
             return -1;
+        }
         if (curl_strequal(name.c_str(), "Content-Length") != 0)
             length = value;
     }
