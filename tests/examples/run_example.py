@@ -4,7 +4,9 @@ run_example.py NAME PROGRAM
 """
 import contextlib
 import functools
+import hashlib
 import http.server
+import json
 import os
 import pathlib
 import socket
@@ -75,6 +77,29 @@ def status_texts(program, url, folder):
         code, lines = run(program, [nobody, "b.bin"], folder)
     check("without a server there is no connection",
           code == 1 and lines[-1].startswith("No connection."))
+
+
+def startup(program, url, folder):
+    def manifest(content, base_url):
+        files = [{"path": "hello.txt", "size": len(content),
+                  "sha256": hashlib.sha256(content).hexdigest()}]
+        path = folder / ".." / "manifest.json"
+        path.write_text(json.dumps({"baseUrl": base_url, "bundles": [
+            {"name": "needed", "startup": True, "files": files},
+            {"name": "more", "files": [{"path": "b.bin", "size": len(FILES["b.bin"])}]}]}))
+        return [str(path), str(folder), "60"]
+
+    hello = FILES["hello.txt"]
+    code, lines = run(program, manifest(hello, url), folder)
+    check("with its files it starts", code == 0 and lines == ["Starting."])
+    check_files(folder, ["b.bin", "hello.txt"])
+    code, lines = run(program, manifest(b"A new version", url + "missing/"), folder)
+    check("without the new one it starts with the old one",
+          code == 0 and lines == ["Starting with the files of last time."])
+    check_files(folder, ["b.bin", "hello.txt"])
+    (folder / "hello.txt").unlink()
+    code, lines = run(program, manifest(hello, url + "missing/"), folder)
+    check("with none it does not start", code == 1 and lines[0].startswith("Cannot start"))
 
 
 class Proxy(http.server.BaseHTTPRequestHandler):
