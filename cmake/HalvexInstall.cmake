@@ -51,7 +51,15 @@ set(HALVEX_PUBLIC_HEADERS
   ResourceDownloadManager/TaskQueueImmediate.h
   ResourceDownloadManager/TaskQueueQt.h
   ResourceDownloadManager/ValidatorStub.h
-  ResourceKit/FileCheck.h)
+  ResourceKit/FileCheck.h
+  ResourceKit/Testing/Event.h
+  ResourceKit/Testing/ManualTaskQueue.h
+  ResourceKit/Testing/RecordingEventHandler.h
+  ResourceKit/Testing/Reply.h
+  ResourceKit/Testing/ScriptedDownload.h
+  ResourceKit/Testing/ScriptedDownloader.h
+  ResourceKit/Testing/ScriptedHttpServer.h
+  ResourceKit/Testing/ServerCertificate.h)
 
 set(HALVEX_INCLUDE_DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/Halvex")
 foreach(header IN LISTS HALVEX_PUBLIC_HEADERS)
@@ -73,7 +81,7 @@ install(EXPORT HalvexTargets
   DESTINATION "${HALVEX_PACKAGE_DESTINATION}")
 
 # The kit needs more of those who use it, so its targets are a set of their own.
-install(TARGETS HalvexResourceKit EXPORT HalvexKitTargets
+install(TARGETS HalvexResourceKit HalvexResourceKitTesting EXPORT HalvexKitTargets
   LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}")
 install(EXPORT HalvexKitTargets
   FILE HalvexResourceKitTargets.cmake

@@ -1,14 +1,12 @@
 #pragma once
 
+#include "ResourceKit/Testing/ServerCertificate.h"
+
 #include <string>
 
 namespace Halvex::Testing {
 
-/// What a server shows and holds for TLS, in PEM format.
-struct ServerCertificate {
-    std::string certificate;
-    std::string privateKey;
-};
+using Kit::Testing::ServerCertificate;
 
 /// A certificate authority that no system trusts, and what it has signed. All is valid until the
 /// year 2100 but for what is said to be otherwise.

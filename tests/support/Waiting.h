@@ -1,47 +1,14 @@
 #pragma once
 
-#include "Foundation/Mutex.h"
+#include "ResourceKit/Testing/Event.h"
 
 #include <chrono>
-#include <condition_variable>
 #include <thread>
 
 namespace Halvex::Testing {
 
-/// How long a test waits for something that is bound to happen: far more than a loaded machine
-/// needs.
-constexpr std::chrono::seconds kGenerousLimit(60);
-
-/// Something that happens once and that other threads wait for. Thread-safe.
-class Event {
-public:
-    void Set() {
-        const MutexLock lock(m_mutex);
-        m_set = true;
-        m_changed.notify_all();
-    }
-
-    /// False: it has not happened within the limit.
-    bool Wait(std::chrono::milliseconds limit = kGenerousLimit) {
-        const auto deadline = std::chrono::steady_clock::now() + limit;
-        MutexLock lock(m_mutex);
-        while (!m_set) {
-            if (!lock.WaitUntil(m_changed, deadline))
-                return m_set;
-        }
-        return true;
-    }
-
-    bool IsSet() {
-        const MutexLock lock(m_mutex);
-        return m_set;
-    }
-
-private:
-    Mutex m_mutex;
-    std::condition_variable m_changed;
-    bool m_set GUARDED_BY(m_mutex) = false;
-};
+using Kit::Testing::Event;
+using Kit::Testing::kGenerousLimit;
 
 /// Waits until a condition holds that nobody announces, such as what another process does. False:
 /// it does not within the limit.
@@ -57,3 +24,8 @@ bool WaitUntil(Condition condition, std::chrono::milliseconds limit = kGenerousL
 }
 
 } // namespace Halvex::Testing
+
+/// So that the tests of the kit, which stand in Halvex::Kit, find all of this as Testing too.
+namespace Halvex::Kit::Testing {
+using namespace Halvex::Testing;
+}

@@ -1,4 +1,4 @@
-#include "support/ServerTls.h"
+#include "ResourceKit/Testing/ServerTls.h"
 
 #include <openssl/bio.h>
 #include <openssl/pem.h>
@@ -7,7 +7,7 @@
 #include <array>
 #include <stdexcept>
 
-namespace Halvex::Testing {
+namespace Halvex::Kit::Testing {
 
 namespace {
 
@@ -77,4 +77,4 @@ void ServerTls::SayGoodbye() {
     SSL_shutdown(m_impl->connection.get());
 }
 
-} // namespace Halvex::Testing
+} // namespace Halvex::Kit::Testing

@@ -1,4 +1,4 @@
-#include "support/ScriptedHttpServer.h"
+#include "ResourceKit/Testing/ScriptedHttpServer.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -8,7 +8,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-namespace Halvex::Testing {
+namespace Halvex::Kit::Testing {
 namespace {
 
 using testing::AllOf;
@@ -384,4 +384,4 @@ TEST(ScriptedHttpServer, EndsConnectionsInAnyStateWithItself) {
 }
 
 } // namespace
-} // namespace Halvex::Testing
+} // namespace Halvex::Kit::Testing

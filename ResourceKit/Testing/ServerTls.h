@@ -1,13 +1,13 @@
 #pragma once
 
-#include "support/TestAuthority.h"
+#include "ResourceKit/Testing/ServerCertificate.h"
 
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 
-namespace Halvex::Testing {
+namespace Halvex::Kit::Testing {
 
 /// The server's side of TLS on one accepted socket. Speaks HTTP/1.1 only.
 ///
@@ -33,4 +33,4 @@ private:
     const std::unique_ptr<Impl> m_impl;
 };
 
-} // namespace Halvex::Testing
+} // namespace Halvex::Kit::Testing
