@@ -52,6 +52,7 @@ set(HALVEX_PUBLIC_HEADERS
   ResourceDownloadManager/TaskQueueQt.h
   ResourceDownloadManager/ValidatorStub.h
   ResourceKit/FileCheck.h
+  ResourceKit/PostProcessorUnpack.h
   ResourceKit/Testing/Event.h
   ResourceKit/Testing/ManualTaskQueue.h
   ResourceKit/Testing/RecordingEventHandler.h
