@@ -64,7 +64,7 @@ public:
         /// link or a file at its place is an error.
         App::ioPath folder;
         /// What the archive is to be, compared before it is unpacked. The validator sees it only
-        /// afterwards.
+        /// afterwards, and a tar that has been cut between two entries does not show it.
         ExpectedFile archive;
     };
 

@@ -18,6 +18,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <cstdlib>
 #include <filesystem>
 #include <memory>
 #include <optional>
@@ -137,6 +138,23 @@ TEST_P(PostProcessorUnpackFormat, IsRefusedWhenItIsCut) {
         m_downloads.Write("archive", whole.substr(0, size));
         EXPECT_EQ(Unpack(), 1);
         EXPECT_EQ(FolderTree(m_folder.Path()), "target/ target/old=old");
+    }
+}
+
+TEST_F(PostProcessorUnpackTest, TakesWhatOtherProgramsPack) {
+    const TemporaryFolder packed;
+    packed.Write("a/b/file", "content");
+    packed.Write("large", SomeBytes(300'000));
+    std::filesystem::permissions((packed / "large").string(), std::filesystem::perms(0600));
+    const std::string archive = m_descriptor.downloadPath.string();
+    for (const std::string& command :
+         {"tar cf " + archive + " .", "tar czf " + archive + " a large",
+          "tar --format=pax -cf " + archive + " ./a ./large",
+          "python3 -m zipfile -c " + archive + " a large"}) {
+        SCOPED_TRACE(command);
+        ASSERT_EQ(std::system(("cd " + packed.Path() + " && " + command).c_str()), 0);
+        EXPECT_EQ(Unpack(), 0);
+        EXPECT_TRUE(FolderTree(m_folder / "target") == FolderTree(packed.Path()));
     }
 }
 

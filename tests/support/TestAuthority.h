@@ -1,6 +1,7 @@
 #pragma once
 
 #include "ResourceKit/Testing/ServerCertificate.h"
+#include "support/KitTesting.h"
 
 #include <string>
 

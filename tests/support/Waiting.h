@@ -1,6 +1,7 @@
 #pragma once
 
 #include "ResourceKit/Testing/Event.h"
+#include "support/KitTesting.h"
 
 #include <chrono>
 #include <thread>
@@ -24,8 +25,3 @@ bool WaitUntil(Condition condition, std::chrono::milliseconds limit = kGenerousL
 }
 
 } // namespace Halvex::Testing
-
-/// So that the tests of the kit, which stand in Halvex::Kit, find all of this as Testing too.
-namespace Halvex::Kit::Testing {
-using namespace Halvex::Testing;
-}
