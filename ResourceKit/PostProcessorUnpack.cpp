@@ -9,11 +9,10 @@
 #include <archive_entry.h>
 #include <glog/logging.h>
 
+#include <clocale>
 #include <exception>
 #include <string>
 #include <utility>
-
-#include <locale.h>
 
 namespace Halvex::Kit {
 

@@ -2,13 +2,13 @@
 
 #include <glog/logging.h>
 
+#include <cstdio>
 #include <filesystem>
 #include <random>
 #include <string_view>
 #include <system_error>
 
 #include <fcntl.h>
-#include <stdio.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 

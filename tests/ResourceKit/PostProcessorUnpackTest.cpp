@@ -317,6 +317,8 @@ TEST_F(PostProcessorUnpackTest, RefusesChainsOfLinksThatLeadOutside) {
     // Each looks harmless by itself: b/up is the folder itself, and out a folder above that.
     Tar().Link("b/up", "..").Link("out", "b/up/..");
     ExpectRefused("entry \"out\": it is a link that leads, or may lead, outside");
+    Tar().Link("a/b/top", "../..").Link("a/b/out", "top/..");
+    ExpectRefused("entry \"a/b/out\": it is a link that leads, or may lead, outside");
     Tar().Link("out", "b/up/..").Link("b/up", "..");
     ExpectRefused("entry \"out\": it is a link that leads, or may lead, outside");
 }
@@ -611,10 +613,10 @@ TEST_F(PostProcessorUnpackTest, PutsTheOldFolderBackWhenTheNewOneCannotTakeItsPl
 }
 
 TEST_F(PostProcessorUnpackTest, LetsTheLastOfSeveralAtOnceWin) {
-    constexpr int kThreads = 4;
+    constexpr std::size_t kThreads = 4;
     constexpr int kRounds = 20;
     std::vector<App::ResourceDescriptor> descriptors(kThreads);
-    for (int i = 0; i < kThreads; ++i) {
+    for (std::size_t i = 0; i < kThreads; ++i) {
         const std::string name = "archive" + std::to_string(i);
         descriptors[i].downloadPath = m_downloads / name;
         ArchiveWriter(m_downloads / name, "zip").File("a", name).File("b", name);
