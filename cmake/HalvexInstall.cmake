@@ -51,7 +51,9 @@ set(HALVEX_PUBLIC_HEADERS
   ResourceDownloadManager/TaskQueueImmediate.h
   ResourceDownloadManager/TaskQueueQt.h
   ResourceDownloadManager/ValidatorStub.h
+  ResourceKit/ExpectedFileLookup.h
   ResourceKit/FileCheck.h
+  ResourceKit/PostProcessorInstall.h
   ResourceKit/PostProcessorUnpack.h
   ResourceKit/Testing/Event.h
   ResourceKit/Testing/ManualTaskQueue.h
@@ -60,7 +62,8 @@ set(HALVEX_PUBLIC_HEADERS
   ResourceKit/Testing/ScriptedDownload.h
   ResourceKit/Testing/ScriptedDownloader.h
   ResourceKit/Testing/ScriptedHttpServer.h
-  ResourceKit/Testing/ServerCertificate.h)
+  ResourceKit/Testing/ServerCertificate.h
+  ResourceKit/ValidatorSha256.h)
 
 set(HALVEX_INCLUDE_DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/Halvex")
 foreach(header IN LISTS HALVEX_PUBLIC_HEADERS)

@@ -1,0 +1,43 @@
+#pragma once
+
+#include "Foundation/Export.h"
+#include "ResourceDownloadManager/IPostProcessor.h"
+#include "ResourceKit/ExpectedFileLookup.h"
+
+namespace Halvex::Kit {
+
+/// Keeps the last good copy of a file until a better one is there. Serves resources whose
+/// postProcess is not 0 and whose downloadPath lies beside localPath, on its file system: the
+/// library removes what is at downloadPath before a download, but never what is at localPath.
+///
+///     download -> downloadPath -- as expected --> localPath, in one step and on disk
+///                              \-- anything else -> removed; localPath stays as it was
+///
+/// The new file reaches the disk before it takes the name: after a power cut there is the old copy
+/// or the new one, whole. On another file system it is copied beside localPath first. Where the two
+/// paths are one there is nothing to replace, and the check is all: so it also judges downloads
+/// with validationMode 0, which no validator sees.
+///
+/// With validationMode 1 the validator reads the file once more after it was installed; it is also
+/// what decides whether the old copy still counts.
+///
+/// Each failure gets one line with the path and the reason: WARNING for a file that is not as
+/// expected, ERROR when it cannot be moved; none when the query has ended the check. Immutable;
+/// safe from any thread.
+class HALVEX_EXPORT PostProcessorInstall : public App::IPostProcessor {
+public:
+    /// The query is asked during a check on the checking thread, must be thread-safe and not throw:
+    /// once it answers true, checks end soon, and nothing more is installed. An empty one is never
+    /// asked.
+    explicit PostProcessorInstall(ExpectedFileLookup expected, StopQuery stop = {});
+
+    /// 0: the file that was at downloadPath is now at localPath; 1: it is gone, and localPath,
+    /// where it is another path, is as it was.
+    std::int32_t Process(const App::ResourceDescriptor* descriptor) override;
+
+private:
+    const ExpectedFileLookup m_expected;
+    const StopQuery m_stop;
+};
+
+} // namespace Halvex::Kit

@@ -1,0 +1,200 @@
+#include "ResourceKit/PostProcessorInstall.h"
+
+#include "ResourceDownloadManager/ResourceDescriptor.h"
+#include "support/LogCapture.h"
+#include "support/SystemCalls.h"
+#include "support/TemporaryFolder.h"
+
+#include <gmock/gmock.h>
+
+#include <atomic>
+#include <cerrno>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace Halvex::Kit {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using Testing::LogCapture;
+using Testing::ReadFile;
+using testing::StartsWith;
+using Testing::SystemCalls;
+using Testing::TemporaryFolder;
+
+// As sha256sum prints them.
+constexpr char kSumOfAbc[] = "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad";
+constexpr char kSumOfAbd[] = "a52d159f262b2c6ddb724a61840befc36eb30c88877a4030b65cbe86298449c9";
+
+/// "abc" is what is expected; an old copy is there.
+class PostProcessorInstallTest : public testing::Test {
+protected:
+    PostProcessorInstallTest() {
+        descriptor.localPath = folder.Write("file", "old");
+        descriptor.downloadPath = folder / "new";
+    }
+
+    std::int32_t Process(const StopQuery& stop = {}) const {
+        const auto expected = [](const auto&) {
+            return ExpectedFile{3, kSumOfAbc};
+        };
+        return PostProcessorInstall(expected, stop).Process(&descriptor);
+    }
+
+    void ExpectOnlyTheOldCopy() const {
+        EXPECT_EQ(folder.List(), "file");
+        EXPECT_EQ(ReadFile(descriptor.localPath), "old");
+    }
+
+    const TemporaryFolder folder;
+    App::ResourceDescriptor descriptor;
+};
+
+TEST_F(PostProcessorInstallTest, PutsTheNewFileInThePlaceOfTheOldCopy) {
+    folder.Write("new", "abc");
+    const LogCapture log;
+    EXPECT_EQ(Process(), 0);
+    EXPECT_EQ(ReadFile(descriptor.localPath), "abc");
+    EXPECT_EQ(folder.List(), "file");
+    EXPECT_THAT(log.Lines(), IsEmpty());
+}
+
+TEST_F(PostProcessorInstallTest, InstallsWhereNoCopyIsYet) {
+    std::filesystem::remove(descriptor.localPath.string());
+    folder.Write("new", "abc");
+    EXPECT_EQ(Process(), 0);
+    EXPECT_EQ(ReadFile(descriptor.localPath), "abc");
+}
+
+TEST_F(PostProcessorInstallTest, RemovesAWrongFileAndLeavesTheOldCopy) {
+    const struct {
+        const char* content;
+        std::string finding;
+    } wrongFiles[] = {
+        {"ab", "short: 2 bytes instead of 3"},
+        {"abcd", "long: 4 bytes instead of 3"},
+        {"abd", std::string("different: its sha256 is ") + kSumOfAbd + " instead of " + kSumOfAbc}};
+    for (const auto& wrong : wrongFiles) {
+        folder.Write("new", wrong.content);
+        const LogCapture log;
+        EXPECT_EQ(Process(), 1);
+        ExpectOnlyTheOldCopy();
+        const auto lines = log.Lines();
+        ASSERT_EQ(lines.size(), 1U);
+        EXPECT_EQ(lines[0].text,
+                  "not installing file=" + descriptor.downloadPath.string() + ": " + wrong.finding);
+        EXPECT_EQ(lines[0].severity, google::GLOG_WARNING);
+    }
+}
+
+TEST_F(PostProcessorInstallTest, FailsWhenThereIsNoNewFile) {
+    EXPECT_EQ(Process(), 1);
+    ExpectOnlyTheOldCopy();
+}
+
+TEST_F(PostProcessorInstallTest, InstallsNothingOnceItIsToStop) {
+    folder.Write("new", "abc");
+    const LogCapture log;
+    EXPECT_EQ(Process([] { return true; }), 1);
+    ExpectOnlyTheOldCopy();
+    EXPECT_THAT(log.Lines(), IsEmpty());
+}
+
+TEST_F(PostProcessorInstallTest, LeavesAFolderInThePlaceOfTheFile) {
+    descriptor.localPath = folder / "folder";
+    folder.Write("folder/precious", "x");
+    folder.Write("new", "abc");
+    const LogCapture log;
+    EXPECT_EQ(Process(), 1);
+    EXPECT_EQ(folder.List(), "file folder");
+    EXPECT_TRUE((folder / "folder/precious").exists());
+    EXPECT_THAT(log.Errors(),
+                ElementsAre(StartsWith("cannot install file=" + descriptor.downloadPath.string() +
+                                       " as " + descriptor.localPath.string() + ": ")));
+}
+
+TEST_F(PostProcessorInstallTest, JudgesAFileThatIsInItsPlaceAlready) {
+    descriptor.downloadPath = descriptor.localPath;
+    EXPECT_EQ(Process(), 1);
+    EXPECT_EQ(folder.List(), "");
+    folder.Write("file", "abc");
+    EXPECT_EQ(Process(), 0);
+    EXPECT_EQ(ReadFile(descriptor.localPath), "abc");
+}
+
+TEST_F(PostProcessorInstallTest, InstallsFromAnotherFileSystem) {
+    const TemporaryFolder elsewhere(Testing::FolderOnAnotherFileSystem());
+    descriptor.downloadPath = elsewhere.Write("new", "abc");
+    EXPECT_EQ(Process(), 0);
+    EXPECT_EQ(ReadFile(descriptor.localPath), "abc");
+    EXPECT_EQ(folder.List(), "file");
+    EXPECT_EQ(elsewhere.List(), "");
+}
+
+TEST_F(PostProcessorInstallTest, PutsTheBytesOnDiskBeforeTheName) {
+    folder.Write("new", "abc");
+    const SystemCalls calls;
+    EXPECT_EQ(Process(), 0);
+    std::vector<std::string> changes;
+    for (const std::string& call : calls.Made()) {
+        if (call.rfind("fdatasync ", 0) == 0 || call.rfind("rename ", 0) == 0 ||
+            call.rfind("unlink ", 0) == 0)
+            changes.push_back(call);
+    }
+    EXPECT_THAT(changes, ElementsAre("fdatasync new", "rename new -> file"));
+}
+
+TEST_F(PostProcessorInstallTest, LeavesTheOldCopyWhateverCallFails) {
+    std::size_t failures = 0;
+    while (true) {
+        SCOPED_TRACE(failures);
+        folder.Write("new", "abc");
+        SystemCalls calls;
+        calls.FailNth(failures + 1, {"new"}, EIO);
+        const std::int32_t result = Process();
+        const std::string failed = calls.FailedNth();
+        if (failed.empty())
+            break;
+        ++failures;
+        SCOPED_TRACE(failed);
+        if (failed.rfind("close ", 0) != 0) {
+            EXPECT_EQ(result, 1);
+            EXPECT_EQ(ReadFile(descriptor.localPath), "old");
+        }
+        folder.Write("file", "old");
+        std::filesystem::remove((folder / "new").string());
+    }
+    EXPECT_GE(failures, 5U);
+    EXPECT_EQ(ReadFile(descriptor.localPath), "abc");
+}
+
+TEST_F(PostProcessorInstallTest, ShowsAWholeFileAtAnyTime) {
+    std::atomic<bool> ends{false};
+    std::atomic<std::size_t> reads{0};
+    std::size_t broken = 0;
+    std::thread reader([&] {
+        for (; !ends; ++reads) {
+            std::ifstream file(descriptor.localPath.string());
+            std::string content;
+            file >> content;
+            broken += content == "old" || content == "abc" ? 0 : 1;
+        }
+    });
+    for (std::size_t round = 0; round < 100 || reads < 100; ++round) {
+        folder.Write("new", "abc");
+        EXPECT_EQ(Process(), 0);
+        // Not by writing to the file itself, which a reader would see unfinished.
+        folder.Write("back", "old");
+        App::ioPath::rename(folder / "back", descriptor.localPath);
+    }
+    ends = true;
+    reader.join();
+    EXPECT_EQ(broken, 0U);
+}
+
+} // namespace
+} // namespace Halvex::Kit
