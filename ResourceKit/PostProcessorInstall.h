@@ -19,7 +19,7 @@ namespace Halvex::Kit {
 /// with validationMode 0, which no validator sees.
 ///
 /// With validationMode 1 the validator reads the file once more after it was installed; it is also
-/// what decides whether the old copy still counts.
+/// what decides whether the old copy still counts. Manifest makes such descriptors on request.
 ///
 /// Each failure gets one line with the path and the reason: WARNING for a file that is not as
 /// expected, ERROR when it cannot be moved; none when the query has ended the check. Immutable;

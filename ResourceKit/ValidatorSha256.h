@@ -22,7 +22,7 @@ namespace Halvex::Kit {
 /// Immutable; safe from any thread. Reads in pieces: memory does not grow with the file.
 ///
 ///     ResourceDownloadManager::Dependencies services;
-///     services.validator = std::make_shared<ValidatorSha256>(lookup);
+///     services.validator = std::make_shared<ValidatorSha256>(manifest->Expected());
 class HALVEX_EXPORT ValidatorSha256 : public App::IValidator {
 public:
     /// The query is asked during a check on the checking thread, must be thread-safe and not throw:

@@ -53,6 +53,7 @@ set(HALVEX_PUBLIC_HEADERS
   ResourceDownloadManager/ValidatorStub.h
   ResourceKit/ExpectedFileLookup.h
   ResourceKit/FileCheck.h
+  ResourceKit/Manifest.h
   ResourceKit/PostProcessorInstall.h
   ResourceKit/PostProcessorUnpack.h
   ResourceKit/Testing/Event.h

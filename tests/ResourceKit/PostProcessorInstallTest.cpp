@@ -1,7 +1,14 @@
 #include "ResourceKit/PostProcessorInstall.h"
 
+#include "ResourceDownloadManager/IRemoteResource.h"
+#include "ResourceDownloadManager/IRemoteResourceScheduler.h"
 #include "ResourceDownloadManager/ResourceDescriptor.h"
+#include "ResourceDownloadManager/ResourceDownloadManager.h"
+#include "ResourceKit/Manifest.h"
+#include "ResourceKit/ValidatorSha256.h"
+#include "support/FakeScriptedDownloader.h"
 #include "support/LogCapture.h"
+#include "support/ScriptedHttpServer.h"
 #include "support/SystemCalls.h"
 #include "support/TemporaryFolder.h"
 
@@ -11,6 +18,7 @@
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -25,6 +33,7 @@ using Testing::ReadFile;
 using testing::StartsWith;
 using Testing::SystemCalls;
 using Testing::TemporaryFolder;
+using Status = App::IResourceDownloader::Status;
 
 // As sha256sum prints them.
 constexpr char kSumOfAbc[] = "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad";
@@ -194,6 +203,111 @@ TEST_F(PostProcessorInstallTest, ShowsAWholeFileAtAnyTime) {
     ends = true;
     reader.join();
     EXPECT_EQ(broken, 0U);
+}
+
+/// In a manager, with the descriptors of a manifest that keep old copies.
+class InstallingManager : public testing::Test {
+protected:
+    explicit InstallingManager(const std::string& baseUrl = "http://h") {
+        Manifest::Options options;
+        options.folder = folder.Path();
+        options.keepsOldCopies = true;
+        ManifestResult result = Manifest::Parse(
+            R"({"baseUrl": ")" + baseUrl +
+                R"(", "bundles": [{"name": "b", "files": [{"path": "file", "sha256": ")" +
+                kSumOfAbc + R"("}]}]})",
+            "m", options);
+        manifest = std::move(result.manifest);
+        folder.Write("file", "old");
+    }
+
+    /// What becomes of the resource, which is tried once.
+    std::string Run(const std::shared_ptr<App::IResourceDownloader>& downloader) {
+        App::ResourceDownloadManager::Dependencies services;
+        services.resourceDownloader = downloader;
+        services.validator = std::make_shared<ValidatorSha256>(manifest->Expected());
+        services.postProcessor = std::make_shared<PostProcessorInstall>(manifest->Expected());
+        App::ResourceDownloadManager manager;
+        manager.Init({}, services);
+        App::IRemoteResource* resource = manager.GetInitScheduler()->RegisterAutoSchedule(
+            &manifest->Bundles()[0].descriptors,
+            App::ISchedulableResource::SchedulePriority::Normal);
+        manager.ProcessCurrentQueue();
+        const App::IRemoteResource::State state = resource->GetState();
+        return App::IRemoteResource::StatusToString(state.status) + ' ' +
+               App::IRemoteResource::ErrorToString(state.error);
+    }
+
+    /// A double whose downloads end in this way and leave this content at downloadPath.
+    std::shared_ptr<Testing::FakeScriptedDownloader> Downloading(const std::string& content,
+                                                                 Status status) const {
+        auto downloader = std::make_shared<Testing::FakeScriptedDownloader>();
+        downloader->SetScript([content, status](const App::IResourceDownloader::Task& task) {
+            std::ofstream(task.descriptor->downloadPath.string()) << content;
+            return status;
+        });
+        return downloader;
+    }
+
+    void ExpectOnly(const std::string& content) const {
+        EXPECT_EQ(folder.List(), "file");
+        EXPECT_EQ(ReadFile(folder / "file"), content);
+    }
+
+    const TemporaryFolder folder;
+    std::unique_ptr<Manifest> manifest;
+};
+
+TEST_F(InstallingManager, ReplacesAnOldCopy) {
+    EXPECT_EQ(Run(Downloading("abc", Status::Ok)), "Available NoError");
+    ExpectOnly("abc");
+}
+
+TEST_F(InstallingManager, KeepsTheOldCopyWhenTheDownloadIsAnotherFile) {
+    EXPECT_EQ(Run(Downloading("abd", Status::Ok)), "Error Corrupted");
+    ExpectOnly("old");
+}
+
+TEST_F(InstallingManager, KeepsTheOldCopyWhenTheDownloadFails) {
+    const auto downloader = std::make_shared<Testing::FakeScriptedDownloader>();
+    downloader->SetStatus(Status::NetworkFailure);
+    EXPECT_EQ(Run(downloader), "Error InternetConnectionLost");
+    ExpectOnly("old");
+}
+
+TEST_F(InstallingManager, DownloadsNothingWhenTheCopyIsGood) {
+    folder.Write("file", "abc");
+    const auto downloader = Downloading("abd", Status::Ok);
+    EXPECT_EQ(Run(downloader), "Available NoError");
+    EXPECT_EQ(downloader->DownloadCount(), 0U);
+    ExpectOnly("abc");
+}
+
+/// With a server and the library's own downloader.
+class InstallingManagerOverHttp : public InstallingManager {
+protected:
+    InstallingManagerOverHttp() : InstallingManagerOverHttp(new Testing::ScriptedHttpServer) {}
+
+    const std::unique_ptr<Testing::ScriptedHttpServer> server;
+
+private:
+    explicit InstallingManagerOverHttp(Testing::ScriptedHttpServer* newServer)
+        : InstallingManager(newServer->Url("")), server(newServer) {}
+};
+
+TEST_F(InstallingManagerOverHttp, ReplacesAnOldCopy) {
+    server->On("/file", Testing::Reply::Ok("abc"));
+    EXPECT_EQ(Run(nullptr), "Available NoError");
+    ExpectOnly("abc");
+}
+
+TEST_F(InstallingManagerOverHttp, KeepsTheOldCopyWhenTheServerFailsOrSendsAnotherFile) {
+    server->On("/file", Testing::Reply::Ok("abd"));
+    EXPECT_EQ(Run(nullptr), "Error Corrupted");
+    ExpectOnly("old");
+    server->On("/file", Testing::Reply::Status(404));
+    EXPECT_EQ(Run(nullptr), "Error GeneralError");
+    ExpectOnly("old");
 }
 
 } // namespace

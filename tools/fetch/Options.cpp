@@ -2,14 +2,14 @@
 
 #include "ExitStatus.h"
 #include "Foundation/Version.h"
-#include "Text.h"
-#include "UrlRules.h"
 
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
 #include <map>
 #include <ostream>
+
+#include <strings.h>
 
 namespace Halvex::Fetch {
 
@@ -54,6 +54,18 @@ void AddChoice(CLI::App& app, const std::string& name, Value& target,
         ->check(CLI::IsMember(names));
 }
 
+void AddManifestOptions(CLI::App& app, Options& options) {
+    CLI::Option* makeManifest =
+        app.add_option("--make-manifest", options.makeManifest,
+                       "Write a manifest of what lies in this folder to standard output, and "
+                       "download nothing")
+            ->check(NotEmpty());
+    app.add_option("--base-url", options.baseUrl,
+                   "Where the files of the new manifest are to be found")
+        ->check(NotEmpty())
+        ->needs(makeManifest);
+}
+
 void AddTransferOptions(CLI::App& app, Options& options) {
     app.add_option("-o,--output", options.output,
                    "Where the files go (default: the current folder; made if missing)")
@@ -96,8 +108,18 @@ void AddOutputOptions(CLI::App& app, Options& options) {
                         "What to log to standard error (default: warning)");
 }
 
+/// Whether the text begins like an address, in any case.
+bool LooksLikeUrl(const std::string& text) {
+    return ::strncasecmp(text.c_str(), "http://", 7) == 0 ||
+           ::strncasecmp(text.c_str(), "https://", 8) == 0;
+}
+
 /// Sorts the arguments into manifest and addresses. What is wrong with them, or nothing.
 std::string SortInputs(const std::vector<std::string>& inputs, Options& options) {
+    if (!options.makeManifest.empty())
+        return inputs.empty() && options.list.empty()
+                   ? std::string()
+                   : "--make-manifest cannot be combined with inputs";
     if (!options.list.empty())
         return inputs.empty() ? std::string() : "-i cannot be combined with other inputs";
     if (inputs.empty())
@@ -109,7 +131,7 @@ std::string SortInputs(const std::vector<std::string>& inputs, Options& options)
     }
     if (inputs.size() != 1) {
         const auto other = std::find_if_not(inputs.begin(), inputs.end(), LooksLikeUrl);
-        return "either one manifest or only addresses: " + Quoted(*other) + " is no address";
+        return "either one manifest or only addresses: \"" + *other + "\" is no address";
     }
     options.manifest = inputs.front();
     return options.manifest.empty() ? "the manifest's name is empty" : std::string();
@@ -130,6 +152,7 @@ std::variant<Options, int> ParseOptions(int argc, const char* const* argv, std::
            "-i,--input-list", options.list,
            "One address per line, optionally a tab and the file's name; - is standard input")
         ->check(NotEmpty());
+    AddManifestOptions(app, options);
     AddTransferOptions(app, options);
     AddOutputOptions(app, options);
     try {

@@ -21,11 +21,16 @@ struct Options {
     };
     enum class LogLevel { Info, Warning, Error, None };
 
-    // What to fetch: exactly one of the three.
+    // What to do: exactly one of the four.
+    /// The folder to write a manifest of; then only baseUrl matters of all that follows.
+    std::string makeManifest;
     std::string manifest;
     /// "-" is standard input.
     std::string list;
     std::vector<std::string> urls;
+
+    /// Of the manifest that is to be written; may be empty.
+    std::string baseUrl;
 
     // Where from, where to and how.
     std::string output = ".";

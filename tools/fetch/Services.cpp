@@ -1,6 +1,5 @@
 #include "Services.h"
 
-#include "Catalogue.h"
 #include "MeteredDownloader.h"
 #include "Networking/IHttpClient.h"
 #include "Options.h"
@@ -9,7 +8,9 @@
 #include "ResourceDownloadManager/EventTracer.h"
 #include "ResourceDownloadManager/NetworkStateEmulator.h"
 #include "ResourceDownloadManager/QtProxyProvider.h"
-#include "Sha256Validator.h"
+#include "ResourceKit/Manifest.h"
+#include "ResourceKit/PostProcessorInstall.h"
+#include "ResourceKit/ValidatorSha256.h"
 #include "SourceDownloader.h"
 
 namespace Halvex::Fetch {
@@ -31,19 +32,24 @@ MakeDownloader(const Options& options,
 
 } // namespace
 
-App::ResourceDownloadManager::Dependencies
-MakeServices(const Options& options, const Catalogue& catalogue, TransferMeter& meter,
-             const std::shared_ptr<Sha256Validator>& validator) {
+App::ResourceDownloadManager::Dependencies MakeServices(const Options& options,
+                                                        const Kit::Manifest& manifest,
+                                                        TransferMeter& meter,
+                                                        const Kit::StopQuery& stop) {
+    // Sizes serve only to tell the time left: a file without a checksum counts when it is there.
+    const auto expected = [&manifest](const App::ResourceDescriptor& descriptor) {
+        return Kit::ExpectedFile{{}, manifest.Find(descriptor)->expected.sha256};
+    };
     App::ResourceDownloadManager::Dependencies services;
     services.networkStateChecker =
         std::make_shared<App::NetworkStateEmulator>(App::ioPath(options.offlineMarker));
     services.resourceDownloader = std::make_shared<MeteredDownloader>(
         MakeDownloader(options, services.networkStateChecker),
         [&](const App::ResourceDescriptor& descriptor) -> TransferMeter::Count& {
-            return meter.Of(catalogue.Files()[descriptor.userData].bundle);
+            return meter.Of(manifest.Find(descriptor)->bundle);
         });
-    services.validator = validator;
-    services.postProcessor = validator;
+    services.validator = std::make_shared<Kit::ValidatorSha256>(expected, stop);
+    services.postProcessor = std::make_shared<Kit::PostProcessorInstall>(expected, stop);
     if (options.trace) {
         App::EventTracer::Params params;
         params.traceAll = true;

@@ -39,18 +39,18 @@ std::uint64_t SizeOf(const App::ioPath& path) {
 
 } // namespace
 
-Session::Session(const Options& options, const Catalogue& catalogue, Signals& signals,
+Session::Session(const Options& options, const Kit::Manifest& manifest, Signals& signals,
                  std::vector<IReport*> reports)
-    : m_catalogue(catalogue), m_signals(signals), m_reports(std::move(reports)),
+    : m_manifest(manifest), m_signals(signals), m_reports(std::move(reports)),
       m_wantsProgress(std::any_of(m_reports.begin(), m_reports.end(),
                                   [](const IReport* report) { return report->WantsProgress(); })),
-      m_observer(catalogue.Files().size(), m_wakeup), m_meter(catalogue.Bundles().size()),
-      m_validator(std::make_shared<Sha256Validator>(catalogue.Checksums())),
-      m_bundles(catalogue.Bundles().size()), m_reported(catalogue.Files().size()) {
+      m_observer(manifest.Files().size(), m_wakeup), m_meter(manifest.Bundles().size()),
+      m_bundles(manifest.Bundles().size()), m_reported(manifest.Files().size()) {
     App::ResourceDownloadManager::Params params;
     params.useParallelExecutor = true;
     params.threadCount = options.threads;
-    m_manager.Init(params, MakeServices(options, catalogue, m_meter, m_validator));
+    m_manager.Init(params,
+                   MakeServices(options, manifest, m_meter, [this] { return m_aborted.load(); }));
 }
 
 Session::~Session() {
@@ -71,27 +71,27 @@ int Session::Run() {
 }
 
 App::IRemoteResourceScheduler& Session::SchedulerOf(std::size_t bundle) const {
-    return m_catalogue.Bundles()[bundle].plan->startup ? *m_manager.GetInitScheduler()
-                                                       : *m_manager.GetMainScheduler();
+    return m_manifest.Bundles()[bundle].startup ? *m_manager.GetInitScheduler()
+                                                : *m_manager.GetMainScheduler();
 }
 
 void Session::RegisterFiles() {
-    for (const FileEntry& file : m_catalogue.Files()) {
-        IRemoteResource* resource = SchedulerOf(file.bundle).Register(&file.alone);
+    for (const Kit::Manifest::File& file : m_manifest.Files()) {
+        App::ResourceDescriptorBundle& alone = m_alone.emplace_back();
+        alone.descriptors.insert(&file.descriptor);
+        alone.userData = file.descriptor.userData;
+        IRemoteResource* resource = SchedulerOf(file.bundle).Register(&alone);
         resource->RegisterEventHandler(&m_observer, FileObserver::Params());
         m_files.push_back(resource);
-
-        Bundle& bundle = m_bundles[file.bundle];
-        bundle.bytesToGo += file.plan->size.value_or(0);
-        bundle.allSizesKnown = bundle.allSizesKnown && file.plan->size.has_value();
     }
 }
 
 void Session::ScheduleBundles() {
     for (std::size_t i = 0; i < m_bundles.size(); ++i) {
-        const BundleEntry& entry = m_catalogue.Bundles()[i];
+        const Kit::Manifest::Bundle& bundle = m_manifest.Bundles()[i];
+        m_bundles[i].bytesToGo = bundle.totalBytes.value_or(0);
         m_bundles[i].group =
-            SchedulerOf(i).RegisterAutoSchedule(&entry.group, entry.plan->priority);
+            SchedulerOf(i).RegisterAutoSchedule(&bundle.descriptors, bundle.priority);
     }
 }
 
@@ -120,14 +120,15 @@ bool Session::WaitForEnd() {
 }
 
 void Session::Abort() {
-    m_validator->Abort();
+    m_aborted = true;
     // Waits for the transfers that are under way.
     std::thread aborter([this] { m_manager.Abort(); });
     if (EndsWithin(kAbortLimit)) {
         aborter.join();
         return;
     }
-    m_catalogue.RemoveTemporaryFiles();
+    for (const Kit::Manifest::File& file : m_manifest.Files())
+        ::unlink(file.descriptor.tempPath.string().c_str());
     const int status = Conclude(true);
     // Neither thread can be joined, and no destructor may run under their feet.
     ::_exit(status);
@@ -152,19 +153,18 @@ void Session::ReportAvailable() {
 
 void Session::ReportFile(std::size_t file, const IRemoteResource::State& state, bool givenUp) {
     m_reported[file] = true;
-    const FileEntry& entry = m_catalogue.Files()[file];
+    const Kit::Manifest::File& entry = m_manifest.Files()[file];
     if (state.status == Status::Available) {
         Bundle& bundle = m_bundles[entry.bundle];
         ++bundle.filesDone;
-        bundle.bytesToGo -= entry.plan->size.value_or(0);
+        bundle.bytesToGo -= entry.expected.size.value_or(0);
         ++m_summary.available;
         if (m_observer.WasDownloaded(file))
             m_summary.bytes += SizeOf(entry.descriptor.localPath);
     } else {
         ++m_summary.failed;
     }
-    const FileResult result{m_catalogue.Bundles()[entry.bundle].plan->name, entry.plan->path, state,
-                            givenUp};
+    const FileResult result{m_manifest.Bundles()[entry.bundle].name, entry.path, state, givenUp};
     for (IReport* report : m_reports)
         report->OnFileEnded(result);
 }
@@ -189,15 +189,15 @@ void Session::ReportProgress() {
     std::vector<BundleProgress> bundles;
     for (std::size_t i = 0; i < m_bundles.size(); ++i) {
         const Bundle& bundle = m_bundles[i];
-        const PlannedBundle& plan = *m_catalogue.Bundles()[i].plan;
+        const Kit::Manifest::Bundle& content = m_manifest.Bundles()[i];
         TransferMeter::Count& count = m_meter.Of(i);
         BundleProgress progress;
-        progress.name = plan.name;
+        progress.name = content.name;
         progress.filesDone = bundle.filesDone;
-        progress.files = plan.files.size();
+        progress.files = content.descriptors.descriptors.size();
         progress.state = bundle.group->GetState();
         progress.bytesReceived = count.received;
-        if (bundle.allSizesKnown)
+        if (content.totalBytes)
             progress.bytesLeft =
                 bundle.bytesToGo - std::min<std::uint64_t>(count.underWay, bundle.bytesToGo);
         bundles.push_back(std::move(progress));

@@ -1,17 +1,17 @@
 #pragma once
 
-#include "Catalogue.h"
 #include "FileObserver.h"
 #include "IReport.h"
 #include "MeteredDownloader.h"
 #include "ResourceDownloadManager/IRemoteResource.h"
 #include "ResourceDownloadManager/ResourceDownloadManager.h"
-#include "Sha256Validator.h"
+#include "ResourceKit/Manifest.h"
 #include "Signals.h"
 #include "TransferMeter.h"
 
 #include <atomic>
 #include <chrono>
+#include <deque>
 #include <memory>
 #include <optional>
 #include <vector>
@@ -20,11 +20,11 @@ namespace Halvex::Fetch {
 
 struct Options;
 
-/// One run: fetches the files of a catalogue and reports on them. Used once, by one thread.
+/// One run: fetches the files of a manifest and reports on them. Used once, by one thread.
 class Session {
 public:
     /// Borrows all, which must outlive this. Needs a QCoreApplication.
-    Session(const Options& options, const Catalogue& catalogue, Signals& signals,
+    Session(const Options& options, const Kit::Manifest& manifest, Signals& signals,
             std::vector<IReport*> reports);
     ~Session();
 
@@ -43,7 +43,6 @@ private:
         std::size_t filesDone = 0;
         /// The known sizes of the files that are not done.
         std::uint64_t bytesToGo = 0;
-        bool allSizesKnown = true;
     };
 
     App::IRemoteResourceScheduler& SchedulerOf(std::size_t bundle) const;
@@ -62,7 +61,7 @@ private:
     int Conclude(bool interrupted);
     std::optional<std::chrono::milliseconds> TimeToProgress() const;
 
-    const Catalogue& m_catalogue;
+    const Kit::Manifest& m_manifest;
     Signals& m_signals;
     const std::vector<IReport*> m_reports;
     const bool m_wantsProgress;
@@ -76,10 +75,13 @@ private:
     std::atomic<bool> m_workEnded{false};
     FileObserver m_observer;
     TransferMeter m_meter;
-    std::shared_ptr<Sha256Validator> m_validator;
+    /// Written by Abort, read by checks of files.
+    std::atomic<bool> m_aborted{false};
+    /// For each file a bundle of it alone, whose state is the file's. The userData is the file's.
+    std::deque<App::ResourceDescriptorBundle> m_alone;
     App::ResourceDownloadManager m_manager;
 
-    /// By their numbers in the catalogue.
+    /// By their places in the manifest.
     std::vector<App::IRemoteResource*> m_files;
     std::vector<Bundle> m_bundles;
     std::vector<bool> m_reported;

@@ -1,7 +1,5 @@
 #include "Text.h"
 
-#include <nlohmann/json.hpp>
-
 #include <array>
 #include <cwchar>
 #include <iomanip>
@@ -58,20 +56,6 @@ std::string TwoDigits(std::int64_t value) {
 }
 
 } // namespace
-
-bool HasControlCharacters(std::string_view text) {
-    while (!text.empty()) {
-        const Character first = FirstCharacter(text);
-        if (first.code < 0x20 || (first.code >= 0x7f && first.code < 0xa0))
-            return true;
-        text.remove_prefix(first.bytes);
-    }
-    return false;
-}
-
-std::string Quoted(const std::string& text) {
-    return nlohmann::json(text).dump(-1, ' ', true, nlohmann::json::error_handler_t::replace);
-}
 
 std::size_t ColumnsOf(std::string_view text) {
     std::size_t columns = 0;

@@ -8,12 +8,6 @@
 
 namespace Halvex::Fetch {
 
-/// Whether the text has a character that would command a terminal instead of being shown.
-bool HasControlCharacters(std::string_view text);
-
-/// The text in double quotes, with everything escaped that cannot be shown.
-std::string Quoted(const std::string& text);
-
 /// How many columns of a terminal the text takes.
 std::size_t ColumnsOf(std::string_view text);
 

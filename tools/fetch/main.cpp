@@ -1,16 +1,16 @@
 // halvex-fetch: downloads the files of a manifest or at the addresses given.
 
 #include "BarReport.h"
-#include "Catalogue.h"
 #include "Console.h"
 #include "ExitStatus.h"
 #include "LineReports.h"
 #include "Log.h"
-#include "Manifest.h"
 #include "Options.h"
+#include "ResourceKit/Manifest.h"
 #include "Session.h"
 #include "Signals.h"
-#include "UrlList.h"
+
+#include <glog/logging.h>
 
 #include <QtCore/QCoreApplication>
 
@@ -26,7 +26,10 @@
 
 namespace {
 
+using namespace Halvex;
 using namespace Halvex::Fetch;
+using Kit::Manifest;
+using Kit::ManifestResult;
 
 constexpr const char* kStandardInput = "-";
 
@@ -46,17 +49,21 @@ std::optional<std::string> ReadInput(const std::string& name) {
     }
 }
 
-PlanResult MakePlan(const Options& options) {
+ManifestResult ReadWhatToFetch(const Options& options) {
+    Manifest::Options manifestOptions;
+    manifestOptions.folder = options.output;
+    manifestOptions.fromFolder = options.source.has_value();
     if (!options.urls.empty())
-        return PlanUrls(options.urls);
+        return Manifest::FromUrls(options.urls, manifestOptions);
     const bool isList = !options.list.empty();
     const std::string& name = isList ? options.list : options.manifest;
     const std::optional<std::string> text = ReadInput(name);
     if (!text)
-        return {{}, {name + ": cannot be read"}};
+        return {nullptr, {name + ": cannot be read"}};
     if (isList)
-        return ReadUrlList(*text, name == kStandardInput ? "standard input" : name);
-    return ReadManifest(*text, name, !options.source);
+        return Manifest::ParseUrlList(*text, name == kStandardInput ? "standard input" : name,
+                                      manifestOptions);
+    return Manifest::Parse(*text, name, manifestOptions);
 }
 
 /// Why the folder cannot be had; nothing when it can.
@@ -99,7 +106,15 @@ std::unique_ptr<IReport> MakeProgressReport(const Options& options, std::size_t 
     return nullptr;
 }
 
-int Fetch(const Options& options, const Plan& plan) {
+/// What is downloaded in any case no validator sees: its checksum is the post-processor's.
+void DownloadInAnyCase(Manifest& manifest) {
+    for (Manifest::File& file : manifest.Files()) {
+        file.descriptor.validationMode = 0;
+        file.descriptor.postProcess = file.expected.sha256.empty() ? 0 : 1;
+    }
+}
+
+int Fetch(const Options& options, const Manifest& manifest) {
     // Before the first thread: all threads inherit that signals do not interrupt them.
     Signals signals;
     int argc = 1;
@@ -109,17 +124,32 @@ int Fetch(const Options& options, const Plan& plan) {
     Console console(ProgressStream(options));
     const Log log(options.logLevel, options.trace, console);
 
-    const Catalogue catalogue(plan, options);
-    catalogue.MakeFolders();
+    for (const std::string& message : manifest.MakeFolders())
+        LOG(ERROR) << message;
     FailureReport failures(console);
     JsonReport events;
-    const auto progress = MakeProgressReport(options, catalogue.Files().size(), console);
+    const auto progress = MakeProgressReport(options, manifest.Files().size(), console);
     std::vector<IReport*> reports{&failures};
     if (progress)
         reports.push_back(progress.get());
     if (options.json)
         reports.push_back(&events);
-    return Session(options, catalogue, signals, reports).Run();
+    return Session(options, manifest, signals, reports).Run();
+}
+
+/// Says what is wrong, and answers the exit status.
+int Complain(const std::vector<std::string>& mistakes) {
+    for (const std::string& mistake : mistakes)
+        std::cerr << mistake << '\n';
+    return BadInput;
+}
+
+int MakeManifest(const Options& options) {
+    const Kit::ManifestDocument document = Manifest::Create(options.makeManifest, options.baseUrl);
+    if (!document.mistakes.empty())
+        return Complain(document.mistakes);
+    std::cout << document.text << std::flush;
+    return std::cout ? AllAvailable : SomeGivenUp;
 }
 
 int Run(int argc, char** argv) {
@@ -128,12 +158,16 @@ int Run(int argc, char** argv) {
     if (const int* status = std::get_if<int>(&parsed))
         return *status;
     const Options& options = std::get<Options>(parsed);
-    PlanResult result = MakePlan(options);
-    if (result.refusals.empty())
-        result.refusals = MakeOutputFolder(options.output);
-    for (const std::string& refusal : result.refusals)
-        std::cerr << refusal << '\n';
-    return result.refusals.empty() ? Fetch(options, result.plan) : BadInput;
+    if (!options.makeManifest.empty())
+        return MakeManifest(options);
+    ManifestResult result = ReadWhatToFetch(options);
+    if (result.mistakes.empty())
+        result.mistakes = MakeOutputFolder(options.output);
+    if (!result.mistakes.empty())
+        return Complain(result.mistakes);
+    if (options.force)
+        DownloadInAnyCase(*result.manifest);
+    return Fetch(options, *result.manifest);
 }
 
 } // namespace

@@ -197,7 +197,7 @@ TEST(HalvexFetchThatIsKilled, LeavesAWholeFileOrNoneAndTheNextRunEndsWhole) {
         setup.arguments = arguments;
         EXPECT_EQ(FetchProcess(setup).Wait().status, 0);
         EXPECT_TRUE(ReadFile(destination) == whole);
-        EXPECT_THAT(output.List(), testing::MatchesRegex("(\\.halvex-fetch-[0-9-]+ )?file.bin"));
+        EXPECT_THAT(output.List(), testing::MatchesRegex("(\\.halvex-[0-9-]+ )?file.bin"));
         for (const auto& entry : std::filesystem::directory_iterator(output.Path()))
             std::filesystem::remove(entry.path());
     }

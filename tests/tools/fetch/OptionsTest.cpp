@@ -85,7 +85,8 @@ TEST_F(OptionsTest, TakeLongNamesToo) {
 
 TEST_F(OptionsTest, TellAddressesFromAManifest) {
     EXPECT_THAT(Good({"http://h/a", "HTTPS://h/b"}).urls, ElementsAre("http://h/a", "HTTPS://h/b"));
-    EXPECT_EQ(Good({"http"}).manifest, "http");
+    for (const char* other : {"http", "http:/", "ftp://h/a"})
+        EXPECT_EQ(Good({other}).manifest, other);
 }
 
 TEST_F(OptionsTest, TakeAListAndStandardInput) {
@@ -125,9 +126,27 @@ TEST_F(OptionsTest, RefuseInputsThatDoNotGoTogether) {
     EXPECT_THAT(Mistake({"-i", "list", "m.json"}), HasSubstr("cannot be combined"));
 }
 
+TEST_F(OptionsTest, TakeAFolderToMakeAManifestOf) {
+    const Options options = Good({"--make-manifest", "dir", "--base-url", "http://h"});
+    EXPECT_EQ(options.makeManifest, "dir");
+    EXPECT_EQ(options.baseUrl, "http://h");
+    EXPECT_EQ(Good({"--make-manifest", "dir"}).baseUrl, "");
+}
+
+TEST_F(OptionsTest, RefuseToMakeAManifestBesideOtherWork) {
+    EXPECT_THAT(Mistake({"--make-manifest", "dir", "m.json"}),
+                HasSubstr("--make-manifest cannot be combined with inputs"));
+    EXPECT_THAT(Mistake({"--make-manifest", "dir", "-i", "list"}),
+                HasSubstr("--make-manifest cannot be combined with inputs"));
+    EXPECT_THAT(Mistake({"--make-manifest", ""}), HasSubstr("must not be empty"));
+    EXPECT_THAT(Mistake({"--base-url", "http://h", "m.json"}),
+                HasSubstr("--base-url requires --make-manifest"));
+}
+
 TEST_F(OptionsTest, PrintHelpAndVersion) {
     EXPECT_EQ(std::get<int>(Parse({"--help"})), AllAvailable);
     EXPECT_THAT(out.str(), HasSubstr("--offline-marker"));
+    EXPECT_THAT(out.str(), HasSubstr("--make-manifest"));
     EXPECT_EQ(std::get<int>(Parse({"-h"})), AllAvailable);
     EXPECT_EQ(std::get<int>(Parse({"--version"})), AllAvailable);
     EXPECT_THAT(out.str(), testing::MatchesRegex("halvex-fetch [0-9]+\\.[0-9]+\\.[0-9]+\n"));

@@ -167,6 +167,14 @@ TEST_F(HalvexFetchFromNginx, FindsEverythingPresentTheSecondTime) {
     EXPECT_EQ(server.AccessLog().size(), 2U);
 }
 
+TEST_F(HalvexFetchFromNginx, CountsAPresentFileOfAnySizeWithoutAChecksum) {
+    output.Write("a", "present");
+    json file = File("a");
+    file["size"] = 100;
+    EXPECT_EQ(Run({WriteManifest(server.Url("/"), {Bundle("one", {file})})}).status, 0);
+    EXPECT_EQ(ReadFile(output / "a"), "present");
+}
+
 TEST_F(HalvexFetchFromNginx, DownloadsAgainByForce) {
     site.Write("a", "new");
     output.Write("a", "old");
@@ -381,6 +389,30 @@ TEST_F(HalvexFetchFromNginx, ListsEveryRefusedPathAndDownloadsNothing) {
     EXPECT_EQ(result.out, "");
     EXPECT_EQ(output.List(), "");
     EXPECT_THAT(server.AccessLog(), IsEmpty());
+}
+
+TEST_F(HalvexFetchFromNginx, DownloadsByAManifestThatItHasMade) {
+    site.Write("a/b c#1.bin", SomeBytes(300'000));
+    site.Write("d\"e", "small");
+    const auto made = Run({"--make-manifest", site.Path(), "--base-url", server.Url("/")});
+    EXPECT_EQ(made.status, 0);
+    EXPECT_EQ(made.err, "");
+    EXPECT_EQ(output.List(), "") << "nothing is downloaded yet";
+    EXPECT_EQ(Run({input.Write("m.json", made.out).string()}).status, 0);
+    EXPECT_THAT(OutputFiles(), ElementsAre("a/b c#1.bin", "d\"e"));
+    EXPECT_EQ(ReadFile(output / "a/b c#1.bin"), SomeBytes(300'000));
+    const json file = json::parse(made.out)["bundles"][0]["files"][1];
+    EXPECT_EQ(file["size"], 5);
+    EXPECT_EQ(file["sha256"], Sha256Of("small"));
+}
+
+TEST_F(HalvexFetch, MakesNoManifestOfWhatItCannotRead) {
+    site.Write("bad\nname", "x");
+    site.Write("good", "x");
+    const auto result = Run({"--make-manifest", site.Path()});
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(result.err, "path \"bad\\nname\" has a control character\n");
 }
 
 TEST_F(HalvexFetch, RefusesInputThatCannotBeRead) {

@@ -5,27 +5,6 @@
 namespace Halvex::Fetch {
 namespace {
 
-TEST(Text, FindsControlCharactersOfOneAndTwoBytes) {
-    EXPECT_TRUE(HasControlCharacters("a\nb"));
-    EXPECT_TRUE(HasControlCharacters("a\x1b[2J"));
-    EXPECT_TRUE(HasControlCharacters("a\x7f"));
-    EXPECT_TRUE(HasControlCharacters("a\xc2\x9b"));
-    EXPECT_TRUE(HasControlCharacters(std::string("a\0b", 3)));
-}
-
-TEST(Text, FindsNoControlCharactersInPlainAndForeignText) {
-    EXPECT_FALSE(HasControlCharacters("a b~"));
-    EXPECT_FALSE(HasControlCharacters("gr\xc3\xbc\xc3\x9f"
-                                      "e \xe2\x82\xac \xf0\x9f\x98\x80"));
-    EXPECT_FALSE(HasControlCharacters("\xff\xe2\x82"));
-}
-
-TEST(Text, QuotesSoThatNothingCommandsATerminal) {
-    EXPECT_EQ(Quoted("a\"\x1b\n"), "\"a\\\"\\u001b\\n\"");
-    EXPECT_EQ(Quoted("\xc2\x9b"), "\"\\u009b\"");
-    EXPECT_EQ(Quoted("\xff"), "\"\\ufffd\"");
-}
-
 TEST(Text, CountsACharacterOfSeveralBytesAsOneColumn) {
     EXPECT_EQ(ColumnsOf("abc"), 3U);
     EXPECT_EQ(ColumnsOf("\xc3\xbc"

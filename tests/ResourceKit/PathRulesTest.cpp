@@ -1,8 +1,8 @@
-#include "PathRules.h"
+#include "ResourceKit/PathRules.h"
 
 #include <gtest/gtest.h>
 
-namespace Halvex::Fetch {
+namespace Halvex::Kit {
 namespace {
 
 TEST(PathRules, AcceptFilesBelowTheOutputFolder) {
@@ -41,4 +41,4 @@ TEST(PathRules, RefuseControlCharactersAndShowThemEscaped) {
 }
 
 } // namespace
-} // namespace Halvex::Fetch
+} // namespace Halvex::Kit

@@ -2,10 +2,7 @@
 
 #include <string>
 
-namespace Halvex::Fetch {
-
-/// Whether the text begins like an address, in any case: "http://" or "https://".
-bool LooksLikeUrl(const std::string& text);
+namespace Halvex::Kit {
 
 /// The file's name at the end of an address, without the percent-encoding, query and fragment.
 /// Empty when there is none that could name a file.
@@ -14,4 +11,4 @@ std::string FileNameOf(const std::string& url);
 /// A path as it is written in an address: what has a meaning there, or is no ASCII, is encoded.
 std::string EncodePath(const std::string& path);
 
-} // namespace Halvex::Fetch
+} // namespace Halvex::Kit

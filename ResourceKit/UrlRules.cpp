@@ -1,20 +1,11 @@
-#include "UrlRules.h"
+#include "ResourceKit/UrlRules.h"
 
-#include <algorithm>
 #include <cctype>
 #include <string_view>
 
-namespace Halvex::Fetch {
+namespace Halvex::Kit {
 
 namespace {
-
-bool BeginsWith(std::string_view text, std::string_view lowerCasePrefix) {
-    return text.size() >= lowerCasePrefix.size() &&
-           std::equal(lowerCasePrefix.begin(), lowerCasePrefix.end(), text.begin(),
-                      [](char expected, char actual) {
-                          return std::tolower(static_cast<unsigned char>(actual)) == expected;
-                      });
-}
 
 /// The value of a hexadecimal digit; -1 for any other character.
 int DigitValue(char digit) {
@@ -48,10 +39,6 @@ bool StandsForItself(char character) {
 
 } // namespace
 
-bool LooksLikeUrl(const std::string& text) {
-    return BeginsWith(text, "http://") || BeginsWith(text, "https://");
-}
-
 std::string FileNameOf(const std::string& url) {
     const std::string_view text = std::string_view(url).substr(0, url.find_first_of("?#"));
     const std::size_t authority = text.find("://");
@@ -82,4 +69,4 @@ std::string EncodePath(const std::string& path) {
     return encoded;
 }
 
-} // namespace Halvex::Fetch
+} // namespace Halvex::Kit

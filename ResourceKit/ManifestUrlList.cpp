@@ -1,27 +1,27 @@
-#include "UrlList.h"
+#include "ResourceKit/Manifest.h"
 
 #include "Foundation/Url.h"
-#include "PlanBuilder.h"
-#include "Text.h"
-#include "UrlRules.h"
+#include "ResourceKit/ManifestBuilder.h"
+#include "ResourceKit/Text.h"
+#include "ResourceKit/UrlRules.h"
 
 #include <string_view>
 #include <utility>
 
-namespace Halvex::Fetch {
+namespace Halvex::Kit {
 
 namespace {
 
 /// A builder with the one bundle that all addresses go to.
-PlanBuilder MakeBuilder(std::string placePrefix) {
-    PlanBuilder builder(std::move(placePrefix));
-    PlannedBundle bundle;
-    bundle.name = kUrlBundleName;
+ManifestBuilder MakeBuilder(std::string placePrefix, const Manifest::Options& options) {
+    ManifestBuilder builder(std::move(placePrefix), options);
+    Manifest::Bundle bundle;
+    bundle.name = kOnlyBundleName;
     builder.AddBundle(std::move(bundle));
     return builder;
 }
 
-void AddUrl(PlanBuilder& builder, std::size_t place, const std::string& url, std::string name) {
+void AddUrl(ManifestBuilder& builder, std::size_t place, const std::string& url, std::string name) {
     if (!Networking::Url(url).isValid()) {
         builder.Refuse(place, Quoted(url) + " is no http or https address");
         return;
@@ -30,9 +30,9 @@ void AddUrl(PlanBuilder& builder, std::size_t place, const std::string& url, std
         builder.Refuse(place, Quoted(url) + " does not end in a file's name");
         return;
     }
-    PlannedFile file;
+    ManifestBuilder::File file;
     file.path = std::move(name);
-    file.relativeUrl = url;
+    file.url = url;
     builder.AddFile(place, std::move(file));
 }
 
@@ -46,7 +46,7 @@ std::string_view TakeLine(std::string_view& rest) {
     return line;
 }
 
-void AddLine(PlanBuilder& builder, std::size_t place, std::string_view line) {
+void AddLine(ManifestBuilder& builder, std::size_t place, std::string_view line) {
     const std::size_t tab = line.find('\t');
     const std::string url(line.substr(0, tab));
     const std::string name =
@@ -56,8 +56,9 @@ void AddLine(PlanBuilder& builder, std::size_t place, std::string_view line) {
 
 } // namespace
 
-PlanResult ReadUrlList(const std::string& list, const std::string& name) {
-    PlanBuilder builder = MakeBuilder(name + ':');
+ManifestResult Manifest::ParseUrlList(const std::string& list, const std::string& name,
+                                      const Options& options) {
+    ManifestBuilder builder = MakeBuilder(name + ':', options);
     std::size_t place = 0;
     for (std::string_view rest = list; !rest.empty();) {
         const std::string_view line = TakeLine(rest);
@@ -68,11 +69,11 @@ PlanResult ReadUrlList(const std::string& list, const std::string& name) {
     return builder.Finish();
 }
 
-PlanResult PlanUrls(const std::vector<std::string>& urls) {
-    PlanBuilder builder = MakeBuilder("address ");
+ManifestResult Manifest::FromUrls(const std::vector<std::string>& urls, const Options& options) {
+    ManifestBuilder builder = MakeBuilder("address ", options);
     for (std::size_t i = 0; i < urls.size(); ++i)
         AddUrl(builder, i + 1, urls[i], FileNameOf(urls[i]));
     return builder.Finish();
 }
 
-} // namespace Halvex::Fetch
+} // namespace Halvex::Kit

@@ -1,12 +1,12 @@
-#include "JsonNode.h"
+#include "ResourceKit/JsonNode.h"
 
-#include "Text.h"
+#include "ResourceKit/Text.h"
 
 #include <nlohmann/json.hpp>
 
 #include <iterator>
 
-namespace Halvex::Fetch {
+namespace Halvex::Kit {
 
 namespace {
 
@@ -140,4 +140,4 @@ JsonNode ParseJson(const std::string& text) {
     return builder.Take();
 }
 
-} // namespace Halvex::Fetch
+} // namespace Halvex::Kit

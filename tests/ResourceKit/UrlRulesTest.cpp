@@ -1,17 +1,9 @@
-#include "UrlRules.h"
+#include "ResourceKit/UrlRules.h"
 
 #include <gtest/gtest.h>
 
-namespace Halvex::Fetch {
+namespace Halvex::Kit {
 namespace {
-
-TEST(UrlRules, KnowAddressesByTheirSchemeInAnyCase) {
-    EXPECT_TRUE(LooksLikeUrl("http://a"));
-    EXPECT_TRUE(LooksLikeUrl("HTTPS://a"));
-    EXPECT_FALSE(LooksLikeUrl("ftp://a"));
-    EXPECT_FALSE(LooksLikeUrl("manifest.json"));
-    EXPECT_FALSE(LooksLikeUrl("http:/"));
-}
 
 TEST(UrlRules, TakeTheLastPartOfAnAddressAsTheFilesName) {
     EXPECT_EQ(FileNameOf("http://host/a/b.bin"), "b.bin");
@@ -42,4 +34,4 @@ TEST(UrlRules, EncodeWhatHasAMeaningInAnAddress) {
 }
 
 } // namespace
-} // namespace Halvex::Fetch
+} // namespace Halvex::Kit

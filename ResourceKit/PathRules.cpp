@@ -1,10 +1,10 @@
-#include "PathRules.h"
+#include "ResourceKit/PathRules.h"
 
-#include "Text.h"
+#include "ResourceKit/Text.h"
 
 #include <string_view>
 
-namespace Halvex::Fetch {
+namespace Halvex::Kit {
 
 namespace {
 
@@ -46,4 +46,4 @@ CheckedPath CheckPath(const std::string& path) {
     return {normal, {}};
 }
 
-} // namespace Halvex::Fetch
+} // namespace Halvex::Kit

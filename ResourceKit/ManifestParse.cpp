@@ -1,15 +1,15 @@
-#include "Manifest.h"
+#include "ResourceKit/Manifest.h"
 
 #include "Foundation/Url.h"
-#include "JsonNode.h"
-#include "PlanBuilder.h"
-#include "Text.h"
+#include "ResourceKit/JsonNode.h"
+#include "ResourceKit/ManifestBuilder.h"
+#include "ResourceKit/Text.h"
 
 #include <algorithm>
 #include <cctype>
 #include <utility>
 
-namespace Halvex::Fetch {
+namespace Halvex::Kit {
 
 namespace {
 
@@ -68,10 +68,10 @@ std::string LowerCase(std::string text) {
 
 class ManifestReader {
 public:
-    ManifestReader(const std::string& name, bool addressesNeeded)
-        : m_builder(name + ':'), m_addressesNeeded(addressesNeeded) {}
+    ManifestReader(const std::string& name, const Manifest::Options& options)
+        : m_builder(name + ':', options), m_addressesNeeded(!options.fromFolder) {}
 
-    PlanResult Read(const std::string& document) {
+    ManifestResult Read(const std::string& document) {
         try {
             ReadRoot(ParseJson(document));
         } catch (const JsonError& error) {
@@ -100,7 +100,7 @@ private:
                           {"startup", Type::Boolean, false},
                           {"files", Type::Array, true}}))
             return;
-        PlannedBundle bundle;
+        Manifest::Bundle bundle;
         bundle.name = TextOf(node, "name");
         if (bundle.name.empty() || HasControlCharacters(bundle.name))
             m_builder.Refuse(Find(node, "name")->line, "name " + Quoted(bundle.name) +
@@ -121,12 +121,12 @@ private:
                           {"size", Type::Natural, false},
                           {"sha256", Type::String, false}}))
             return;
-        PlannedFile file;
+        ManifestBuilder::File file;
         const JsonNode& path = *Find(node, "path");
         file.path = path.text;
         if (const JsonNode* url = Find(node, "url")) {
             CheckUrl(*url, "url");
-            file.relativeUrl = url->text;
+            file.url = url->text;
         } else {
             file.baseUrl = m_baseUrl;
             if (m_addressesNeeded && m_baseUrl.empty())
@@ -134,9 +134,9 @@ private:
                                                 " has no address: there is no url and no baseUrl");
         }
         if (const JsonNode* size = Find(node, "size"))
-            file.size = size->natural;
+            file.expected.size = size->natural;
         if (const JsonNode* sha256 = Find(node, "sha256"))
-            file.sha256 = ReadSha256(*sha256);
+            file.expected.sha256 = ReadSha256(*sha256);
         m_builder.AddFile(path.line, std::move(file));
     }
 
@@ -207,16 +207,16 @@ private:
         return true;
     }
 
-    PlanBuilder m_builder;
+    ManifestBuilder m_builder;
     const bool m_addressesNeeded;
     std::string m_baseUrl;
 };
 
 } // namespace
 
-PlanResult ReadManifest(const std::string& document, const std::string& name,
-                        bool addressesNeeded) {
-    return ManifestReader(name, addressesNeeded).Read(document);
+ManifestResult Manifest::Parse(const std::string& document, const std::string& name,
+                               const Options& options) {
+    return ManifestReader(name, options).Read(document);
 }
 
-} // namespace Halvex::Fetch
+} // namespace Halvex::Kit

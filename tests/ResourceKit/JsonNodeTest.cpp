@@ -1,8 +1,8 @@
-#include "JsonNode.h"
+#include "ResourceKit/JsonNode.h"
 
 #include <gtest/gtest.h>
 
-namespace Halvex::Fetch {
+namespace Halvex::Kit {
 namespace {
 
 using Type = JsonNode::Type;
@@ -58,4 +58,4 @@ TEST(JsonNode, RefusesDeepNestingInsteadOfRunningOutOfStack) {
 }
 
 } // namespace
-} // namespace Halvex::Fetch
+} // namespace Halvex::Kit

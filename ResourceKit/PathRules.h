@@ -2,7 +2,7 @@
 
 #include <string>
 
-namespace Halvex::Fetch {
+namespace Halvex::Kit {
 
 /// A path from a manifest or a list, judged.
 struct CheckedPath {
@@ -16,4 +16,4 @@ struct CheckedPath {
 /// no control character, no empty name. Touches no disk.
 CheckedPath CheckPath(const std::string& path);
 
-} // namespace Halvex::Fetch
+} // namespace Halvex::Kit

@@ -7,7 +7,7 @@
 #include <utility>
 #include <vector>
 
-namespace Halvex::Fetch {
+namespace Halvex::Kit {
 
 /// A value of a JSON document that knows the line it stands on.
 struct JsonNode {
@@ -42,4 +42,4 @@ struct JsonError : std::runtime_error {
 /// Reads a document. Throws JsonError for one that is not valid, or nested more than 64 deep.
 JsonNode ParseJson(const std::string& text);
 
-} // namespace Halvex::Fetch
+} // namespace Halvex::Kit

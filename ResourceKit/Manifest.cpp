@@ -1,0 +1,50 @@
+#include "ResourceKit/Manifest.h"
+
+#include "ResourceDownloadManager/FileUtils.h"
+
+#include <filesystem>
+#include <set>
+#include <system_error>
+
+namespace Halvex::Kit {
+
+// The other functions that make manifests and documents have source files of their own.
+
+ManifestResult Manifest::Load(const App::ioPath& document, const Options& options) {
+    std::vector<std::uint8_t> text;
+    if (!App::ReadWholeFileToBuffer(document, text))
+        return {nullptr, {document.string() + ": cannot be read"}};
+    return Parse(std::string(text.begin(), text.end()), document.string(), options);
+}
+
+const Manifest::File* Manifest::Find(const App::ResourceDescriptor& descriptor) const {
+    if (descriptor.userData >= m_files.size())
+        return nullptr;
+    const File& file = m_files[descriptor.userData];
+    return &file.descriptor == &descriptor ? &file : nullptr;
+}
+
+ExpectedFileLookup Manifest::Expected() const {
+    return [this](const App::ResourceDescriptor& descriptor) {
+        const File* file = Find(descriptor);
+        return file != nullptr ? file->expected : ExpectedFile{};
+    };
+}
+
+std::vector<std::string> Manifest::MakeFolders() const {
+    std::set<std::filesystem::path> folders;
+    for (const File& file : m_files)
+        folders.insert(std::filesystem::path(file.descriptor.localPath.string()).parent_path());
+    std::vector<std::string> messages;
+    // An empty path is the current folder.
+    folders.erase(std::filesystem::path());
+    for (const std::filesystem::path& folder : folders) {
+        std::error_code error;
+        std::filesystem::create_directories(folder, error);
+        if (error)
+            messages.push_back("cannot make folder=" + folder.string() + ": " + error.message());
+    }
+    return messages;
+}
+
+} // namespace Halvex::Kit
