@@ -1,0 +1,52 @@
+#!/usr/bin/env python3
+"""Compares the speed at which halvex-fetch checks a file's SHA-256 with that of sha256sum.
+
+    script/build release && benchmarks/checksums.py build/release/tools/fetch/halvex-fetch
+
+The file, 1 GiB in memory, is there already and found to be the right one; its manifest is made by
+halvex-fetch too. The runs are interleaved; what is printed is the median of each, in seconds of CPU
+time (user and system) and of wall time, and how often as fast halvex-fetch is by CPU time.
+"""
+import argparse
+import os
+import pathlib
+import subprocess
+import tempfile
+
+from measuring import medians
+
+BYTES = 1024 * 1024 * 1024
+PIECE = 1024 * 1024
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parser.add_argument("fetch", help="the halvex-fetch to measure")
+    parser.add_argument("--runs", type=int, default=5)
+    arguments = parser.parse_args()
+
+    with tempfile.TemporaryDirectory(dir="/dev/shm") as memory:
+        memory = pathlib.Path(memory)
+        folder = memory / "files"
+        folder.mkdir()
+        with open(folder / "large", "wb") as large:
+            for _ in range(BYTES // PIECE):
+                large.write(os.urandom(PIECE))
+        manifest = memory / "manifest.json"
+        with open(manifest, "wb") as document:
+            # Nothing listens there: a file that is not accepted fails the run.
+            subprocess.run([arguments.fetch, "--make-manifest", folder,
+                            "--base-url", "http://127.0.0.1:9"], stdout=document, check=True)
+        costs = medians(
+            {"sha256sum": ["sha256sum", folder / "large"],
+             "halvex-fetch": [arguments.fetch, "-o", folder, "--progress", "none", manifest]},
+            memory / "empty", arguments.runs, expected_bytes=0)
+
+    print(f"SHA-256 of 1 GiB, median of {arguments.runs}")
+    for name, cost in costs.items():
+        print(f"  {name:12} cpu {cost.cpu:7.3f} s   wall {cost.wall:7.3f} s")
+    print(f"  halvex-fetch is {costs['sha256sum'].cpu / costs['halvex-fetch'].cpu:.2f} times as fast")
+
+
+if __name__ == "__main__":
+    main()
