@@ -56,6 +56,8 @@ set(HALVEX_PUBLIC_HEADERS
   ResourceKit/Manifest.h
   ResourceKit/PostProcessorInstall.h
   ResourceKit/PostProcessorUnpack.h
+  ResourceKit/ResourceListModel.h
+  ResourceKit/SpeedMeter.h
   ResourceKit/Testing/Event.h
   ResourceKit/Testing/ManualTaskQueue.h
   ResourceKit/Testing/RecordingEventHandler.h
