@@ -14,6 +14,7 @@ import subprocess
 import sys
 import tempfile
 import threading
+import time
 import urllib.request
 
 FILES = {"hello.txt": b"Hello!\n", "b.bin": bytes(range(256)) * 1024}
@@ -51,6 +52,23 @@ def qt_event_loop(program, url, folder):
     code, lines = run(program, [url, "hello.txt", "b.bin"], folder)
     check("it ends with both files available", code == 0 and lines[-1] == AVAILABLE)
     check_files(folder, ["hello.txt", "b.bin"])
+
+
+def desktop(program, url, folder):
+    """Its window is tested by itself; here it is the program around it, without a display."""
+    os.environ["QT_QPA_PLATFORM"] = "offscreen"
+    for arguments in [], [url], [url, "no bundle"]:
+        code, _ = run(program, arguments, folder)
+        check(f"it refuses {arguments}", code == 2)
+    command = [program, "--folder", str(folder), url, "Start-up=hello.txt:7", "Others=b.bin"]
+    with subprocess.Popen(command) as process:
+        deadline = time.monotonic() + 100
+        while not all((folder / name).exists() for name in FILES) and time.monotonic() < deadline:
+            time.sleep(0.05)
+        is_running = process.poll() is None
+        process.terminate()
+    check("it runs until it is closed", is_running)
+    check_files(folder, FILES)
 
 
 def validator(program, url, folder):
