@@ -11,6 +11,7 @@
 #include <QtCore/QTimer>
 #include <QtCore/QVector>
 
+#include <algorithm>
 #include <cstddef>
 #include <mutex>
 #include <utility>
@@ -41,8 +42,11 @@ double ShownProgress(double progress) {
     return progress < 1 ? progress : 1;
 }
 
+/// What Qt cannot write is written as the most that it can.
 QString SizeText(double bytes) {
-    return QLocale().formattedDataSize(static_cast<qint64>(bytes), 1, QLocale::DataSizeSIFormat);
+    constexpr double kMost = 9.2e18;
+    return QLocale().formattedDataSize(static_cast<qint64>(std::min(bytes, kMost)), 1,
+                                       QLocale::DataSizeSIFormat);
 }
 
 QString TimeText(std::chrono::seconds time) {
@@ -310,7 +314,8 @@ int ResourceListModel::rowCount(const QModelIndex& parent) const {
 }
 
 QVariant ResourceListModel::data(const QModelIndex& index, int role) const {
-    if (!checkIndex(index, CheckIndexOption::IndexIsValid | CheckIndexOption::ParentIsInvalid))
+    // Rows never go, so that an index that was valid once still is.
+    if (!index.isValid())
         return {};
     return m_impl->rows[static_cast<std::size_t>(index.row())]->Data(role);
 }

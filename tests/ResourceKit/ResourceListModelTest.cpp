@@ -308,6 +308,7 @@ TEST_F(ResourceListModelTest, CountsTheBytesOfTheLargestTotal) {
     resource.SetAvailable();
     ASSERT_TRUE(ShowsStatus(Status::Available));
     EXPECT_EQ(Data(Role::BytesDoneRole).toULongLong(), kLargest);
+    EXPECT_EQ(Text(Role::SummaryRole), "Available, 9.2 EB");
 }
 
 TEST_F(ResourceListModelTest, KnowsNoBytesWithoutATotal) {

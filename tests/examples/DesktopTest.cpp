@@ -2,9 +2,11 @@
 // HALVEX_SCREENSHOTS names a folder, pictures of it are left there; script/screenshots does that.
 
 #include "Arguments.h"
+#include "CancellableDownloader.h"
 #include "Downloads.h"
 #include "Window.h"
 
+#include "support/FakeScriptedDownloader.h"
 #include "support/ScriptedHttpServer.h"
 #include "support/TemporaryFolder.h"
 #include "support/Waiting.h"
@@ -23,8 +25,10 @@
 
 #include <chrono>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace Halvex {
 namespace {
@@ -65,7 +69,7 @@ protected:
         m_failureCounter->SetCallback(
             [this](IRemoteResource::State state, const App::ResourceDescriptorBundle* bundle) {
                 if (state.status == IRemoteResource::DownloadStatus::Error)
-                    ++m_failures[bundle];
+                    m_failures[bundle].push_back(state.error);
             });
         for (const Downloads::Bundle& bundle : m_downloads->Bundles())
             m_failureCounter->RegisterWithin(bundle.resource);
@@ -108,11 +112,12 @@ protected:
     bool ShowsRow(int row, const std::string& summary) const {
         return Shows([&] { return Summary(row) == summary; });
     }
-    /// When the library has tried once more by itself as well, and will not again.
-    bool ShowsFinalFailure(int row, const std::string& summary) {
+    /// When the library has tried once more by itself, with the same end, and will not again.
+    bool FailsTwice(int row, IRemoteResource::DownloadError error) {
         const auto* bundle =
             m_downloads->Bundles()[static_cast<std::size_t>(row)].resource->GetDescriptor();
-        return Shows([&] { return m_failures[bundle] == 2; }) && ShowsRow(row, summary);
+        return Shows([&] { return m_failures[bundle].size() == 2; }) &&
+               m_failures[bundle] == std::vector{error, error};
     }
     bool ShowsAllAvailable() const {
         return ShowsRow(kStartupRow, "Available, 12 bytes") &&
@@ -187,7 +192,8 @@ protected:
     Event m_release;
     ScriptedHttpServer m_server;
     std::optional<Downloads> m_downloads;
-    std::map<const App::ResourceDescriptorBundle*, int> m_failures;
+    std::map<const App::ResourceDescriptorBundle*, std::vector<IRemoteResource::DownloadError>>
+        m_failures;
     std::optional<App::RemoteResourceEventHandlerCallback> m_failureCounter;
     std::optional<Window> m_window;
 };
@@ -212,7 +218,7 @@ TEST_F(Desktop, SaysWhyItCannotStartAndTriesAgain) {
     Open();
     EXPECT_TRUE(ShowsMessage("What is needed to start is missing: cannot be downloaded."));
     EXPECT_FALSE(UseLastCopy().isVisible());
-    ASSERT_TRUE(ShowsFinalFailure(kStartupRow, "Failed: cannot be downloaded"));
+    ASSERT_TRUE(FailsTwice(kStartupRow, IRemoteResource::DownloadError::GeneralError));
     EXPECT_FALSE(List().isVisible());
     m_server.On(kSettings, Reply::Ok("new settings"));
     Click(Retry());
@@ -278,7 +284,8 @@ TEST_F(Desktop, ShowsDownloadsUnderWay) {
 TEST_F(Desktop, ShowsAnErrorAndTriesAgain) {
     m_server.On(kMaps, Reply::Status(404));
     Open();
-    ASSERT_TRUE(ShowsFinalFailure(kMapsRow, "Failed: cannot be downloaded"));
+    ASSERT_TRUE(FailsTwice(kMapsRow, IRemoteResource::DownloadError::GeneralError));
+    ASSERT_TRUE(ShowsRow(kMapsRow, "Failed: cannot be downloaded"));
     ASSERT_TRUE(ShowsRow(kFontsRow, "Available, 400.0 kB"));
     ASSERT_TRUE(Shows([&] { return Retry().isEnabled() && !CancelAll().isEnabled(); }));
     EXPECT_GT(RedPixels(kMapsRow), 0);
@@ -299,8 +306,10 @@ TEST_F(Desktop, CancelsAllAndTriesAgain) {
     ASSERT_TRUE(m_server.WaitForRequests(kMaps));
     ASSERT_TRUE(ShowsRow(kStartupRow, "Available, 12 bytes"));
     Click(CancelAll());
-    ASSERT_TRUE(ShowsFinalFailure(kFontsRow, "Failed: cancelled"));
-    ASSERT_TRUE(ShowsFinalFailure(kMapsRow, "Failed: cancelled"));
+    ASSERT_TRUE(FailsTwice(kFontsRow, IRemoteResource::DownloadError::Cancelled));
+    ASSERT_TRUE(FailsTwice(kMapsRow, IRemoteResource::DownloadError::Cancelled));
+    EXPECT_TRUE(ShowsRow(kFontsRow, "Failed: cancelled"));
+    EXPECT_TRUE(ShowsRow(kMapsRow, "Failed: cancelled"));
     EXPECT_TRUE(Shows([&] { return !CancelAll().isEnabled(); }));
     // The library's own second attempt did not get as far as the server.
     EXPECT_EQ(m_server.RequestCount(kFonts), 1U);
@@ -334,6 +343,51 @@ TEST_F(Desktop, ClosesInTheMiddleOfIt) {
     ASSERT_TRUE(ShowsRow(kFontsRow, "Available, 400.0 kB"));
     Close();
     EXPECT_EQ(m_folder.List(), "fonts.bin");
+}
+
+class CancellableDownloaderTest : public testing::Test {
+protected:
+    using Status = App::IResourceDownloader::Status;
+
+    Status Download(bool isStoppedByManager = false) const {
+        App::IResourceDownloader::Task task;
+        task.descriptor = &m_descriptor;
+        task.cancellationQuery = [isStoppedByManager] {
+            return isStoppedByManager;
+        };
+        return m_downloader.Exec(std::move(task));
+    }
+
+    const App::ResourceDescriptor m_descriptor{};
+    const std::shared_ptr<Testing::FakeScriptedDownloader> m_inner =
+        std::make_shared<Testing::FakeScriptedDownloader>();
+    CancellableDownloader m_downloader{m_inner};
+};
+
+TEST_F(CancellableDownloaderTest, DownloadsUntilItIsToldToCancelAll) {
+    EXPECT_EQ(Download(), Status::Ok);
+    m_downloader.CancelAll();
+    EXPECT_EQ(Download(), Status::Cancelled);
+    EXPECT_EQ(m_inner->DownloadCount(), 1U);
+    m_downloader.Resume();
+    EXPECT_EQ(Download(), Status::Ok);
+}
+
+TEST_F(CancellableDownloaderTest, StopsADownloadForThePersonAndForTheManager) {
+    m_inner->SetScript([this](const App::IResourceDownloader::Task& task) {
+        const bool isStoppedByManager = task.cancellationQuery();
+        m_downloader.CancelAll();
+        EXPECT_TRUE(task.cancellationQuery());
+        m_downloader.Resume();
+        return isStoppedByManager ? Status::Cancelled : Status::Ok;
+    });
+    EXPECT_EQ(Download(false), Status::Ok);
+    EXPECT_EQ(Download(true), Status::Cancelled);
+}
+
+TEST_F(CancellableDownloaderTest, PassesTheEndOn) {
+    m_downloader.Abort();
+    EXPECT_EQ(m_inner->AbortCount(), 1U);
 }
 
 TEST(DesktopArguments, AreBundlesOfFiles) {
