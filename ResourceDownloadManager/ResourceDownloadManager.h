@@ -30,8 +30,8 @@ class IValidator;
 ///
 /// Resources of the init scheduler are served before all others and never retried; those of the
 /// main scheduler are retried by DownloadRetrier, with pauses of 5 and 60 seconds while the
-/// connection is bad. Abort may be called from any thread but those that run the work, and not while
-/// StartEventLoopThread is being called; everything else from one thread at a time.
+/// connection is bad. Abort may be called from any thread but those that run the work, and not
+/// while StartEventLoopThread is being called; everything else from one thread at a time.
 class HALVEX_EXPORT ResourceDownloadManager {
 public:
     struct Params {
@@ -98,9 +98,9 @@ public:
     /// the event-loop thread has ended. May be called twice, and before Init. A BlockingExecutor
     /// still runs what is queued, where every download is cancelled at once.
     ///
-    /// Not from inside an observer whose notifications come on the threads where the changes happen:
-    /// a worker that has to notify the same bundle would wait for the observer, and this for the
-    /// worker. Inside one that is called on a Qt event loop it may be called.
+    /// Not from inside an observer whose notifications come on the threads where the changes
+    /// happen: a worker that has to notify the same bundle would wait for the observer, and this
+    /// for the worker. Inside one that is called on a Qt event loop it may be called.
     void Abort();
 
 private:

@@ -7,8 +7,8 @@
 #include "ResourceDownloadManager/ISchedulableResource.h"
 
 #include <atomic>
-#include <initializer_list>
 #include <cstdint>
+#include <initializer_list>
 #include <memory>
 
 namespace Halvex::App {
