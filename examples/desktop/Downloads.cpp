@@ -1,7 +1,6 @@
 #include "Downloads.h"
 
 #include "CancellableDownloader.h"
-#include "LastCopyKeeper.h"
 
 #include <Foundation/HttpClientFactory.h>
 #include <Networking/IHttpClient.h>
@@ -11,6 +10,8 @@
 #include <ResourceDownloadManager/IRemoteResourceScheduler.h>
 #include <ResourceDownloadManager/NetworkStateEmulator.h>
 #include <ResourceDownloadManager/QtProxyProvider.h>
+#include <ResourceDownloadManager/ResourceDescriptor.h>
+#include <ResourceKit/PostProcessorInstall.h>
 
 #include <QtCore/QFile>
 
@@ -32,7 +33,10 @@ Downloads::Downloads(Arguments arguments)
 
     ResourceDownloadManager::Dependencies services;
     services.networkStateChecker = networkState;
-    services.postProcessor = std::make_shared<LastCopyKeeper>();
+    services.postProcessor =
+        std::make_shared<Kit::PostProcessorInstall>([](const ResourceDescriptor&) {
+            return Kit::ExpectedFile(); // any file will do
+        });
     services.resourceDownloader = m_downloader;
     ResourceDownloadManager::Params params;
     params.useParallelExecutor = true;

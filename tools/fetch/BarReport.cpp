@@ -22,7 +22,7 @@ void BarReport::OnSummary(const Summary& summary) {
 }
 
 BarContent BarReport::Describe(const BundleProgress& bundle, Course& course) {
-    const SpeedMeter::Time now = std::chrono::steady_clock::now();
+    const Kit::SpeedMeter::Time now = std::chrono::steady_clock::now();
     const auto bytes = static_cast<double>(bundle.bytesReceived);
     course.bytes.Add(now, bytes);
     course.progress.Add(now, bundle.state.progress);

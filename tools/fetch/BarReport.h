@@ -2,7 +2,7 @@
 
 #include "BarLines.h"
 #include "IReport.h"
-#include "SpeedMeter.h"
+#include "ResourceKit/SpeedMeter.h"
 
 #include <cstdio>
 #include <optional>
@@ -26,10 +26,10 @@ public:
 private:
     /// What is remembered of a bundle from one call to the next.
     struct Course {
-        SpeedMeter bytes;
-        SpeedMeter progress;
+        Kit::SpeedMeter bytes;
+        Kit::SpeedMeter progress;
         /// The last time at which nothing had arrived yet.
-        std::optional<SpeedMeter::Time> begin;
+        std::optional<Kit::SpeedMeter::Time> begin;
         /// The mean speed of the whole bundle, once that is done.
         std::optional<double> finalSpeed;
     };
