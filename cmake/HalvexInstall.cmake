@@ -56,6 +56,7 @@ set(HALVEX_PUBLIC_HEADERS
   ResourceKit/Manifest.h
   ResourceKit/PostProcessorInstall.h
   ResourceKit/PostProcessorUnpack.h
+  ResourceKit/ResourceDownloaderMirrors.h
   ResourceKit/ResourceListModel.h
   ResourceKit/SpeedMeter.h
   ResourceKit/Testing/Event.h
