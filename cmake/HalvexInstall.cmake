@@ -58,6 +58,7 @@ set(HALVEX_PUBLIC_HEADERS
   ResourceKit/PostProcessorUnpack.h
   ResourceKit/ResourceDownloaderMirrors.h
   ResourceKit/ResourceListModel.h
+  ResourceKit/ResourceWatch.h
   ResourceKit/SpeedMeter.h
   ResourceKit/Testing/Event.h
   ResourceKit/Testing/ManualTaskQueue.h
