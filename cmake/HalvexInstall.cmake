@@ -51,6 +51,7 @@ set(HALVEX_PUBLIC_HEADERS
   ResourceDownloadManager/TaskQueueImmediate.h
   ResourceDownloadManager/TaskQueueQt.h
   ResourceDownloadManager/ValidatorStub.h
+  ResourceKit/EventTracerChrome.h
   ResourceKit/ExpectedFileLookup.h
   ResourceKit/FileCheck.h
   ResourceKit/Manifest.h
