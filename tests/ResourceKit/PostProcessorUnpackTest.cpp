@@ -589,6 +589,16 @@ TEST_F(PostProcessorUnpackTest, FailsWhenTheFolderCannotBeReplaced) {
     ExpectRefused("the target folder cannot be replaced: Permission denied");
 }
 
+TEST_F(PostProcessorUnpackTest, ReplacesATargetThatAppearsMeanwhile) {
+    m_folder.Write("target/old", "old");
+    Zip().File("file", "content");
+    DiskCalls calls;
+    calls.renameErrors = {ENOENT};
+    EXPECT_EQ(Unpack(), 0);
+    EXPECT_THAT(calls.made, ElementsAre("syncfs", "exchange", "rename", "exchange", "fsync"));
+    EXPECT_EQ(FolderTree(m_folder.Path()), "target/ target/file=content");
+}
+
 TEST_F(PostProcessorUnpackTest, MovesTheOldFolderAsideWhereFoldersCannotBeExchanged) {
     m_folder.Write("target/old", "old");
     Zip().File("file", "content");
