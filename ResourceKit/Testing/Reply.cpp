@@ -135,7 +135,7 @@ std::string Reply::Head() const {
     std::string head =
         "HTTP/1.1 " + std::to_string(m_status) + " " + ReasonPhrase(m_status) + "\r\n";
     for (const auto& [name, value] : m_headers)
-        head += name + ": " + value + "\r\n";
+        head.append(name).append(": ").append(value).append("\r\n");
     if (m_chunkBytes != 0)
         head += "Transfer-Encoding: chunked\r\n";
     else if (m_sendLength && !HasNoBody(m_status))

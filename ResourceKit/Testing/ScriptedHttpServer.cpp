@@ -7,6 +7,7 @@
 #include <atomic>
 #include <cerrno>
 #include <condition_variable>
+#include <csignal>
 #include <cstdio>
 #include <functional>
 #include <list>
@@ -20,7 +21,6 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
-#include <signal.h>
 #include <strings.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -405,7 +405,7 @@ bool ScriptedHttpServer::Impl::Send(Connection& connection, const Reply& reply) 
             size = std::min(size, stallAt - offset);
         std::string piece = reply.BodyPart(offset, size);
         if (reply.m_chunkBytes != 0)
-            piece = InHexadecimal(piece.size()) + "\r\n" + piece + "\r\n";
+            piece.insert(0, InHexadecimal(piece.size()) + "\r\n").append("\r\n");
         if (!connection.Send(piece))
             return false;
         offset += size;
