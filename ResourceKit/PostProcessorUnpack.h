@@ -50,10 +50,10 @@ namespace Halvex::Kit {
 /// - a device, a named pipe, a socket, or something encrypted;
 /// - more than the limits allow, or anything that is broken or cannot be written.
 ///
-/// Files and folders get the archive's permissions as far as the process's umask allows, without
-/// the set-user-ID, set-group-ID and sticky bits; the owner may always read and write them. They
-/// belong to the process's user, and their times are those of the unpacking. The archive itself
-/// stays where it is.
+/// Files get the archive's permissions as far as the process's umask allows, without the
+/// set-user-ID, set-group-ID and sticky bits; the owner may always read and write them. Folders get
+/// those that new folders have. All belong to the process's user, and the times are those of the
+/// unpacking. The archive itself stays where it is.
 ///
 /// Thread-safe, also with unpackings to the same target at once: the last one to end wins.
 class HALVEX_EXPORT PostProcessorUnpack : public App::IPostProcessor {
