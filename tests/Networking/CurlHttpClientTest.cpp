@@ -1066,8 +1066,11 @@ TEST_F(CurlHttpClientTest, TakesNoUploadForAStalledTransfer) {
     constexpr std::size_t kSize = 20'000'000;
     std::thread server([&port] {
         const int connection = port.Accept();
-        std::vector<char> piece(64 * 1024);
-        // As a slow line takes it: for more than a second in all.
+        // Little is under way, so that the answer is not long in coming when all has been sent.
+        const int little = 32 * 1024;
+        ::setsockopt(connection, SOL_SOCKET, SO_RCVBUF, &little, sizeof(little));
+        std::vector<char> piece(32 * 1024);
+        // As a slow line takes it: for more than two seconds in all.
         for (std::size_t taken = 0; taken < kSize;) {
             const ssize_t count = ::recv(connection, piece.data(), piece.size(), 0);
             ASSERT_GT(count, 0);
@@ -1077,7 +1080,7 @@ TEST_F(CurlHttpClientTest, TakesNoUploadForAStalledTransfer) {
         Send(connection, "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok");
         ::close(connection);
     });
-    m_options.lowSpeedTime = 300;
+    m_options.lowSpeedTime = 1'500;
     Request request;
     request.url = Url("http://" + port.Address() + "/");
     const Response response = m_client.post(request, std::string(kSize, 'x'), m_options);
