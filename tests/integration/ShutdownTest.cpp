@@ -17,6 +17,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <initializer_list>
 #include <iostream>
 #include <memory>
 #include <optional>
@@ -491,8 +492,10 @@ public:
         m_callback.reset();
         m_ear->closed = true;
     }
-    void UnregisterWithin(IRemoteResource* resource) {
-        resource->UnregisterEventHandler(m_callback.get());
+    /// From all that it is registered with; until the last one it may still be told.
+    void UnregisterWithin(std::initializer_list<IRemoteResource*> resources) {
+        for (IRemoteResource* resource : resources)
+            resource->UnregisterEventHandler(m_callback.get());
         m_ear->closed = true;
     }
 
@@ -625,8 +628,7 @@ protected:
         if (life.isDestroyed) {
             m_observer.Destroy();
         } else {
-            m_observer.UnregisterWithin(m_resource);
-            m_observer.UnregisterWithin(m_other);
+            m_observer.UnregisterWithin({m_resource, m_other});
         }
     }
 
