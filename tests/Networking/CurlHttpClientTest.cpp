@@ -628,9 +628,9 @@ TEST_F(CurlHttpClientTest, TakesNothingUnaskedAfterAnotherServerWasAskedInBetwee
         ::close(first);
     });
     EXPECT_EQ(GetUrl("http://" + port.Address() + "/").errorCode, 0);
+    EXPECT_EQ(Get("/file").errorCode, 0);
     m_reached.Set();
     EXPECT_TRUE(sent.Wait());
-    EXPECT_EQ(Get("/file").errorCode, 0);
     EXPECT_EQ(GetUrl("http://" + port.Address() + "/").errorCode, 0);
     server.join();
     EXPECT_EQ(m_data, "one other two");
