@@ -1,3 +1,4 @@
+#include "Foundation/Mutex.h"
 #include "integration/Application.h"
 #include "support/ChildProcess.h"
 #include "support/Sanitizers.h"
@@ -17,11 +18,11 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <initializer_list>
 #include <iostream>
 #include <memory>
 #include <optional>
 #include <random>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -469,6 +470,20 @@ TEST_P(AbortWithAQueue, TakesTwoSecondsAtMost) {
 
 /// What an observer hears, and what it hears after it is to hear nothing any more.
 struct Ear {
+    using Bundle = const ResourceDescriptorBundle*;
+
+    void Leave(Bundle bundle) {
+        const MutexLock lock(mutex);
+        left.insert(bundle);
+    }
+    bool IsLate(Bundle bundle) {
+        const MutexLock lock(mutex);
+        return closed || left.count(bundle) != 0;
+    }
+
+    Mutex mutex;
+    /// The bundles that it is not registered with any more.
+    std::set<Bundle> left GUARDED_BY(mutex);
     std::atomic<bool> closed{false};
     std::atomic<int> calls{0};
     std::atomic<int> lateCalls{0};
@@ -482,8 +497,8 @@ public:
         IRemoteResource::NotificationParams params;
         params.progressStep = 0;
         m_callback->SetNotificationParams(params);
-        m_callback->SetCallback([ear = m_ear](IRemoteResource::State) {
-            ++(ear->closed ? ear->lateCalls : ear->calls);
+        m_callback->SetCallback([ear = m_ear](IRemoteResource::State, Ear::Bundle bundle) {
+            ++(ear->IsLate(bundle) ? ear->lateCalls : ear->calls);
         });
     }
 
@@ -492,11 +507,9 @@ public:
         m_callback.reset();
         m_ear->closed = true;
     }
-    /// From all that it is registered with; until the last one it may still be told.
-    void UnregisterWithin(std::initializer_list<IRemoteResource*> resources) {
-        for (IRemoteResource* resource : resources)
-            resource->UnregisterEventHandler(m_callback.get());
-        m_ear->closed = true;
+    void UnregisterWithin(IRemoteResource* resource) {
+        resource->UnregisterEventHandler(m_callback.get());
+        m_ear->Leave(resource->GetDescriptor());
     }
 
     /// While it lives: waits until it is told something more.
@@ -628,7 +641,8 @@ protected:
         if (life.isDestroyed) {
             m_observer.Destroy();
         } else {
-            m_observer.UnregisterWithin({m_resource, m_other});
+            m_observer.UnregisterWithin(m_resource);
+            m_observer.UnregisterWithin(m_other);
         }
     }
 
