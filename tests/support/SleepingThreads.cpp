@@ -35,10 +35,13 @@ pid_t ThisThread() {
 
 std::set<pid_t> ThreadsOfThisProcess() {
     // Makes the sanitizer's own thread start now, not with the first thread that is to be counted.
-    std::thread([] {}).join();
+    pid_t joined = 0;
+    std::thread([&joined] { joined = ThisThread(); }).join();
     std::set<pid_t> threads;
     for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task"))
         threads.insert(std::stoi(entry.path().filename().string()));
+    // The kernel may list it for a moment yet.
+    threads.erase(joined);
     return threads;
 }
 
