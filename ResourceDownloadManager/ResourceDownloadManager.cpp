@@ -83,10 +83,10 @@ struct HALVEX_HIDDEN ResourceDownloadManager::Impl {
     std::thread eventLoopThread;
 
     ~Impl() {
-        // It may still have to do with the queues, after a call that could not start all threads.
-        // Under a loop that was never joined it stays: the thread's end is what stops the process.
+        // Workers of a call that could not start them all may still have to do with the queues.
+        // A loop that was never joined may be in a call: its thread's end stops the process.
         if (!eventLoopThread.joinable())
-            executor.reset();
+            executor->Abort();
     }
 
     void FillInDependencies() {
