@@ -36,7 +36,7 @@ App::ResourceDownloadManager::Dependencies MakeServices(const Options& options,
                                                         const Kit::Manifest& manifest,
                                                         TransferMeter& meter,
                                                         const Kit::StopQuery& stop) {
-    // Sizes serve only to tell the time left: a file without a checksum counts when it is there.
+    // Sizes serve only to tell the time left.
     const auto expected = [&manifest](const App::ResourceDescriptor& descriptor) {
         return Kit::ExpectedFile{{}, manifest.Find(descriptor)->expected.sha256};
     };

@@ -106,11 +106,21 @@ std::unique_ptr<IReport> MakeProgressReport(const Options& options, std::size_t 
     return nullptr;
 }
 
-/// What is downloaded in any case no validator sees: its checksum is the post-processor's.
-void DownloadInAnyCase(Manifest& manifest) {
+/// A file without a checksum counts when it is there, but a folder in its place does not: the
+/// validator refuses that. What is downloaded in any case no validator sees: its checksum is the
+/// post-processor's.
+void ChooseChecks(Manifest& manifest, bool force) {
     for (Manifest::File& file : manifest.Files()) {
-        file.descriptor.validationMode = 0;
-        file.descriptor.postProcess = file.expected.sha256.empty() ? 0 : 1;
+        const bool hasChecksum = !file.expected.sha256.empty();
+        App::ResourceDescriptor& descriptor = file.descriptor;
+        std::error_code absent;
+        if (force) {
+            descriptor.validationMode = 0;
+            descriptor.postProcess = hasChecksum ? 1 : 0;
+        } else if (!hasChecksum &&
+                   !std::filesystem::is_directory(descriptor.localPath.string(), absent)) {
+            descriptor.validationMode = 2;
+        }
     }
 }
 
@@ -165,8 +175,7 @@ int Run(int argc, char** argv) {
         result.mistakes = MakeOutputFolder(options.output);
     if (!result.mistakes.empty())
         return Complain(result.mistakes);
-    if (options.force)
-        DownloadInAnyCase(*result.manifest);
+    ChooseChecks(*result.manifest, options.force);
     return Fetch(options, *result.manifest);
 }
 
