@@ -4,9 +4,9 @@
 #include "ResourceDownloadManager/ResourceDescriptor.h"
 #include "integration/Application.h"
 #include "support/BackgroundCall.h"
-#include "support/FakeScriptedDownloader.h"
 #include "support/ScriptedHttpServer.h"
 #include "support/TemporaryFolder.h"
+#include "support/TimeLimit.h"
 #include "support/Waiting.h"
 
 #include <gtest/gtest.h>
@@ -31,10 +31,10 @@ using App::ResourceDescriptor;
 using Testing::Application;
 using Testing::BackgroundCall;
 using Testing::Event;
-using Testing::FakeScriptedDownloader;
 using Testing::Reply;
 using Testing::ScriptedHttpServer;
 using Testing::TemporaryFolder;
+using Testing::TimeLimit;
 using Testing::WaitForState;
 using Testing::WaitUntil;
 using Answer = ResourceWatch::Answer;
@@ -99,6 +99,8 @@ protected:
         return WaitUntil([=] { return m_resource.Questions() >= questions; });
     }
 
+    /// A watch without a deadline that misses its answer waits for ever.
+    const TimeLimit m_limit;
     const TemporaryFolder m_folder;
     FakeResource m_resource;
 };
@@ -380,6 +382,7 @@ protected:
         return ResourceWatch::WaitUntilAvailable(resource, kNoDeadline, errors);
     }
 
+    const TimeLimit m_limit;
     Event m_mayGoOn;
     ScriptedHttpServer m_server;
     Application m_application{Parameters()};
