@@ -1,9 +1,9 @@
 #include "ResourceKit/EventTracerChrome.h"
 
 #include "ResourceDownloadManager/ResourceDescriptor.h"
+#include "ResourceKit/Testing/ScriptedDownloader.h"
 #include "integration/Application.h"
 #include "support/ChildProcess.h"
-#include "support/FakeScriptedDownloader.h"
 #include "support/FileSizeLimit.h"
 #include "support/LogCapture.h"
 #include "support/Sanitizers.h"
@@ -47,12 +47,13 @@ using App::IRemoteResource;
 using App::ResourceDescriptor;
 using Event = IEventTracer::Event;
 using testing::ElementsAre;
-using Testing::FakeScriptedDownloader;
 using Testing::FileSizeLimit;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using Testing::LogCapture;
 using Testing::ReadFile;
+using Testing::ScriptedDownload;
+using Testing::ScriptedDownloader;
 using Testing::SmallFileSystem;
 using Testing::TemporaryFolder;
 using Testing::WaitUntil;
@@ -375,7 +376,9 @@ TEST_F(EventTracerChromeTest, ShowsWhatAManagerDoes) {
         params.threadCount = 2;
         Testing::Application::Dependencies dependencies;
         dependencies.eventTracer = std::shared_ptr<IEventTracer>(std::move(m_tracer));
-        const auto downloader = std::make_shared<FakeScriptedDownloader>();
+        const auto downloader = std::make_shared<ScriptedDownloader>();
+        downloader->OnOthers(ScriptedDownload::Complete("content"));
+        downloader->On("missing", ScriptedDownload::Fail());
         dependencies.resourceDownloader = downloader;
         Testing::Application application(params, dependencies);
         std::set<const ResourceDescriptor*> files;
@@ -384,7 +387,6 @@ TEST_F(EventTracerChromeTest, ShowsWhatAManagerDoes) {
         application.Schedule(files);
         application.manager.ProcessCurrentQueue();
         // Each retry comes with new threads.
-        downloader->SetStatus(App::IResourceDownloader::Status::Failed);
         application.Schedule({&application.AddFile("http://127.0.0.1/", "missing")});
         application.manager.ProcessCurrentQueue();
     }

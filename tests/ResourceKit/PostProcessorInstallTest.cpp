@@ -5,8 +5,8 @@
 #include "ResourceDownloadManager/ResourceDescriptor.h"
 #include "ResourceDownloadManager/ResourceDownloadManager.h"
 #include "ResourceKit/Manifest.h"
+#include "ResourceKit/Testing/ScriptedDownloader.h"
 #include "ResourceKit/ValidatorSha256.h"
-#include "support/FakeScriptedDownloader.h"
 #include "support/LogCapture.h"
 #include "support/ScriptedHttpServer.h"
 #include "support/SystemCalls.h"
@@ -21,6 +21,7 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace Halvex::Kit {
@@ -30,6 +31,8 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using Testing::LogCapture;
 using Testing::ReadFile;
+using Testing::ScriptedDownload;
+using Testing::ScriptedDownloader;
 using testing::StartsWith;
 using Testing::SystemCalls;
 using Testing::TemporaryFolder;
@@ -238,14 +241,9 @@ protected:
                App::IRemoteResource::ErrorToString(state.error);
     }
 
-    /// A double whose downloads end in this way and leave this content at downloadPath.
-    std::shared_ptr<Testing::FakeScriptedDownloader> Downloading(const std::string& content,
-                                                                 Status status) const {
-        auto downloader = std::make_shared<Testing::FakeScriptedDownloader>();
-        downloader->SetScript([content, status](const App::IResourceDownloader::Task& task) {
-            std::ofstream(task.descriptor->downloadPath.string()) << content;
-            return status;
-        });
+    static std::shared_ptr<ScriptedDownloader> Downloader(ScriptedDownload download) {
+        auto downloader = std::make_shared<ScriptedDownloader>();
+        downloader->On("file", std::move(download));
         return downloader;
     }
 
@@ -259,27 +257,26 @@ protected:
 };
 
 TEST_F(InstallingManager, ReplacesAnOldCopy) {
-    EXPECT_EQ(Run(Downloading("abc", Status::Ok)), "Available NoError");
+    EXPECT_EQ(Run(Downloader(ScriptedDownload::Complete("abc"))), "Available NoError");
     ExpectOnly("abc");
 }
 
 TEST_F(InstallingManager, KeepsTheOldCopyWhenTheDownloadIsAnotherFile) {
-    EXPECT_EQ(Run(Downloading("abd", Status::Ok)), "Error Corrupted");
+    EXPECT_EQ(Run(Downloader(ScriptedDownload::Complete("abd"))), "Error Corrupted");
     ExpectOnly("old");
 }
 
 TEST_F(InstallingManager, KeepsTheOldCopyWhenTheDownloadFails) {
-    const auto downloader = std::make_shared<Testing::FakeScriptedDownloader>();
-    downloader->SetStatus(Status::NetworkFailure);
-    EXPECT_EQ(Run(downloader), "Error InternetConnectionLost");
+    EXPECT_EQ(Run(Downloader(ScriptedDownload::Fail(Status::NetworkFailure))),
+              "Error InternetConnectionLost");
     ExpectOnly("old");
 }
 
 TEST_F(InstallingManager, DownloadsNothingWhenTheCopyIsGood) {
     folder.Write("file", "abc");
-    const auto downloader = Downloading("abd", Status::Ok);
+    const auto downloader = Downloader(ScriptedDownload::Complete("abd"));
     EXPECT_EQ(Run(downloader), "Available NoError");
-    EXPECT_EQ(downloader->DownloadCount(), 0U);
+    EXPECT_THAT(downloader->Downloads(), IsEmpty());
     ExpectOnly("abc");
 }
 

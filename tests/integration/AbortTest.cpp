@@ -1,8 +1,9 @@
+#include "ResourceKit/Testing/ScriptedDownloader.h"
 #include "integration/Application.h"
-#include "support/FakeScriptedDownloader.h"
 #include "support/LogCapture.h"
 #include "support/ScriptedHttpServer.h"
 #include "support/SleepingThreads.h"
+#include "support/TimeLimit.h"
 
 #include <gmock/gmock.h>
 
@@ -20,16 +21,18 @@ namespace {
 using testing::Contains;
 using testing::Lt;
 using Status = IResourceDownloader::Status;
+using Kit::Testing::ScriptedDownload;
+using Kit::Testing::ScriptedDownloader;
 using Priority = ISchedulableResource::SchedulePriority;
 using Testing::AllSleep;
 using Testing::Application;
-using Testing::FakeScriptedDownloader;
 using Testing::kPrompt;
 using Testing::LogCapture;
 using Testing::Outcome;
 using Testing::Reply;
 using Testing::ScriptedHttpServer;
 using Testing::ThreadsOfThisProcess;
+using Testing::TimeLimit;
 using Testing::WaitForOutcome;
 using Testing::WaitForProgress;
 using Testing::WaitUntil;
@@ -134,54 +137,56 @@ std::vector<pid_t> ThreadsSince(const std::set<pid_t>& before) {
     return {threads.begin(), threads.end()};
 }
 
-/// An application whose downloads end as the fake downloader says.
+/// An application whose downloads end as the scripted downloader says.
 class AbortWithoutServer : public testing::Test {
 protected:
-    Application::Dependencies Fakes() const {
+    Application::Dependencies Scripted() const {
         Application::Dependencies dependencies;
         dependencies.resourceDownloader = downloader;
         return dependencies;
     }
 
-    std::shared_ptr<FakeScriptedDownloader> downloader = std::make_shared<FakeScriptedDownloader>();
+    /// A download that is not aborted hangs for ever.
+    const TimeLimit limit;
+    std::shared_ptr<ScriptedDownloader> downloader = std::make_shared<ScriptedDownloader>();
 };
 
 } // namespace
 
 TEST_F(AbortWithoutServer, IsPromptInAPauseOf60Seconds) {
     constexpr std::size_t kDownloadsUntilLost = 12;
-    downloader->SetStatus(Status::NetworkFailure);
-    Application application({}, Fakes());
+    downloader->On("lost", ScriptedDownload::Fail(Status::NetworkFailure));
+    Application application({}, Scripted());
     application.folder.Write("present", "");
     // The check of a file that is there ends a pause, and tells the retry policy nothing.
     IRemoteResource* present = application.Register({&application.AddFile("", "present")});
     application.Schedule({&application.AddFile("", "lost")});
+    const std::set<pid_t> before = ThreadsOfThisProcess();
     application.manager.StartEventLoopThread();
-    ASSERT_TRUE(downloader->WaitForDownloads(1));
-    const pid_t loop = *downloader->DownloadThreads().begin();
+    ASSERT_TRUE(downloader->WaitForDownloads("lost"));
+    const std::vector<pid_t> started = ThreadsSince(before);
+    ASSERT_EQ(started.size(), 1U);
+    const pid_t loop = started.front();
     const auto isAsleep = [loop] {
         return AllSleep({loop});
     };
-    while (downloader->DownloadCount() < kDownloadsUntilLost) {
+    while (downloader->DownloadCount("lost") < kDownloadsUntilLost) {
         ASSERT_TRUE(WaitUntil(isAsleep));
         present->Schedule(Priority::Normal);
     }
     ASSERT_TRUE(WaitUntil(isAsleep));
     // It pauses, or else it would have gone through all of its retries by now.
-    EXPECT_LT(downloader->DownloadCount(), 1U + 20U);
+    EXPECT_LT(downloader->DownloadCount("lost"), 1U + 20U);
     EXPECT_THAT(application.TimedAbort(), Lt(kPrompt));
 }
 
 TEST_F(AbortWithoutServer, IsPromptWhileWorkersAreParked) {
-    downloader->SetScript([this](const IResourceDownloader::Task&) {
-        EXPECT_TRUE(downloader->WaitForAbort());
-        return Status::Cancelled;
-    });
-    Application application(Parallel(4), Fakes());
+    downloader->On("hangs", ScriptedDownload::Hang());
+    Application application(Parallel(4), Scripted());
     const std::set<pid_t> before = ThreadsOfThisProcess();
-    IRemoteResource* bundle = application.Schedule({&application.AddFile("", "blocks")});
+    IRemoteResource* bundle = application.Schedule({&application.AddFile("", "hangs")});
     application.manager.StartEventLoopThread();
-    ASSERT_TRUE(downloader->WaitForDownloads(1));
+    ASSERT_TRUE(downloader->WaitForDownloads("hangs"));
     // The loop's thread and four workers.
     ASSERT_TRUE(WaitUntil([&] {
         const std::vector<pid_t> threads = ThreadsSince(before);
@@ -192,7 +197,8 @@ TEST_F(AbortWithoutServer, IsPromptWhileWorkersAreParked) {
 }
 
 TEST_F(AbortWithoutServer, IsPromptWhileTheLoopSleeps) {
-    Application application(Parallel(4), Fakes());
+    downloader->On("done", ScriptedDownload::Complete("content"));
+    Application application(Parallel(4), Scripted());
     application.manager.StartEventLoopThread();
     ASSERT_TRUE(WaitForOutcome(application.Schedule({&application.AddFile("", "done")}),
                                "Available NoError"));
@@ -201,30 +207,27 @@ TEST_F(AbortWithoutServer, IsPromptWhileTheLoopSleeps) {
 
 TEST_F(AbortWithoutServer, IsPromptWithALongRetryQueue) {
     constexpr std::size_t kFiles = 20'000;
-    downloader->SetStatus(Status::NetworkFailure);
-    Application application(Parallel(4), Fakes());
+    downloader->On("lost", ScriptedDownload::Fail(Status::NetworkFailure));
+    Application application(Parallel(4), Scripted());
     std::set<const ResourceDescriptor*> files;
     for (std::size_t i = 0; i < kFiles; ++i)
-        files.insert(&application.AddFile("", std::to_string(i)));
+        files.insert(&application.AddFile("", "lost"));
     application.Schedule(files);
     application.manager.StartEventLoopThread();
-    ASSERT_TRUE(downloader->WaitForDownloads(kFiles));
+    ASSERT_TRUE(downloader->WaitForDownloads("lost", kFiles));
     EXPECT_THAT(application.TimedAbort(), Lt(kPrompt));
 }
 
 TEST_F(AbortWithoutServer, IsPromptWithALongQueue) {
     constexpr std::size_t kFiles = 20'000;
-    downloader->SetScript([this](const IResourceDownloader::Task&) {
-        EXPECT_TRUE(downloader->WaitForAbort());
-        return Status::Cancelled;
-    });
-    Application application(Parallel(4), Fakes());
+    downloader->On("hangs", ScriptedDownload::Hang());
+    Application application(Parallel(4), Scripted());
     std::set<const ResourceDescriptor*> files;
     for (std::size_t i = 0; i < kFiles; ++i)
-        files.insert(&application.AddFile("", std::to_string(i)));
+        files.insert(&application.AddFile("", "hangs"));
     application.Schedule(files);
     application.manager.StartEventLoopThread();
-    ASSERT_TRUE(downloader->WaitForDownloads(4));
+    ASSERT_TRUE(downloader->WaitForDownloads("hangs", 4));
     EXPECT_THAT(application.TimedAbort(), Lt(kPrompt));
 }
 
