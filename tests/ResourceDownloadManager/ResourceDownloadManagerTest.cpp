@@ -9,6 +9,7 @@
 #include "ResourceDownloadManager/OptimalThreadCount.h"
 #include "ResourceDownloadManager/RemoteResourceEventHandlerCallback.h"
 #include "ResourceDownloadManager/ResourceDescriptor.h"
+#include "ResourceKit/Testing/RecordingEventHandler.h"
 #include "support/BackgroundCall.h"
 #include "support/FakeScriptedDownloader.h"
 #include "support/LogCapture.h"
@@ -1149,16 +1150,16 @@ TEST_F(ResourceDownloadManagerTest, NotifiesOfMainResourcesOnTheThreadOfInitWith
 
 TEST_F(ResourceDownloadManagerTest, DeliversNothingUntilTheQtEventLoopRuns) {
     m_app.Init(WithQtTaskQueue());
-    std::atomic<int> calls{0};
-    RemoteResourceEventHandlerCallback observer;
-    observer.SetCallback([&](IRemoteResource::State) { ++calls; });
-    observer.RegisterWithin(m_app.ScheduleMain("main"));
+    Kit::Testing::RecordingEventHandler observer;
+    IRemoteResource* resource = m_app.ScheduleMain("main");
+    resource->RegisterEventHandler(&observer, {});
 
     m_app.manager.ProcessCurrentQueue();
 
-    EXPECT_EQ(calls, 0);
+    EXPECT_THAT(observer.Notifications(), testing::IsEmpty());
     QCoreApplication::processEvents();
-    EXPECT_EQ(calls, 3);
+    EXPECT_THAT(observer.Notifications(), testing::SizeIs(3));
+    resource->UnregisterEventHandler(&observer);
 }
 
 TEST_F(ResourceDownloadManagerTest, NotifiesOfInitResourcesOnTheWorkerDespiteAQtTaskQueue) {

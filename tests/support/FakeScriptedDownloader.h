@@ -19,6 +19,11 @@ namespace Halvex::Testing {
 
 /// Downloads nothing: each download does what the script says. Records what it was asked for, by
 /// the relative paths of the descriptors. Thread-safe.
+///
+/// It stands beside the kit's ScriptedDownloader, whose downloads complete, fail or hang, for tests
+/// that need more: a function of their own as the body of a download, which asks the task, tells
+/// progress without a pause or throws; the threads of the downloads; how often it was aborted; or a
+/// success that is silent and leaves no file.
 class FakeScriptedDownloader : public App::IResourceDownloader {
 public:
     /// The body of a download. Runs on the thread of the download, at once for several of them.

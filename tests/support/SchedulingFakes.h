@@ -75,6 +75,9 @@ private:
 };
 
 /// Keeps its tasks, in the order of coming, until the test runs them. Thread-safe.
+///
+/// Unlike the kit's ManualTaskQueue it writes into the recorder that all fakes share, which shows
+/// the order of the calls between them, and runs a function of the test's inside AddTask.
 class FakeTaskQueue : public App::ITaskQueue {
 public:
     FakeTaskQueue(CallRecorder& recorder, std::string name)
@@ -235,6 +238,9 @@ private:
 };
 
 /// Remembers what it was told. Thread-safe.
+///
+/// Unlike the kit's RecordingEventHandler it runs a function of the test's inside OnStateChanged,
+/// where tests note the order in which several observers are called, call back or block.
 class FakeObserver : public App::IRemoteResourceEventHandler {
 public:
     using State = App::IRemoteResource::State;
