@@ -5,6 +5,7 @@
 #include "integration/Application.h"
 #include "support/BackgroundCall.h"
 #include "support/ScriptedHttpServer.h"
+#include "support/SleepingThreads.h"
 #include "support/TemporaryFolder.h"
 #include "support/TimeLimit.h"
 #include "support/Waiting.h"
@@ -28,12 +29,14 @@ namespace {
 using App::IRemoteResource;
 using App::ISchedulableResource;
 using App::ResourceDescriptor;
+using Testing::AllSleep;
 using Testing::Application;
 using Testing::BackgroundCall;
 using Testing::Event;
 using Testing::Reply;
 using Testing::ScriptedHttpServer;
 using Testing::TemporaryFolder;
+using Testing::ThisThread;
 using Testing::TimeLimit;
 using Testing::WaitForState;
 using Testing::WaitUntil;
@@ -46,7 +49,8 @@ constexpr auto kNoDeadline = ResourceWatch::Deadline::max();
 /// Long ago.
 constexpr auto kPassed = ResourceWatch::Deadline{};
 
-/// A bundle in a state of the test's choice.
+/// A bundle in a state of the test's choice. Whoever goes on asking it for too long fails the test,
+/// and hears that it is available: that ends the waits that have missed their own end.
 class FakeResource : public IRemoteResource {
 public:
     /// Called inside GetState, before the state is read.
@@ -66,6 +70,11 @@ public:
     State GetState() override {
         ++m_questions;
         onGetState();
+        if (Clock::now() > m_end) {
+            if (!m_isOverdue.exchange(true))
+                ADD_FAILURE() << "asked for too long";
+            return {Status::Available, DownloadError::NoError, 1.0};
+        }
         return {m_status, DownloadError::NoError, 0.0};
     }
     const App::ResourceDescriptorBundle* GetDescriptor() override { return &m_bundle; }
@@ -79,6 +88,8 @@ public:
 private:
     std::atomic<Status> m_status{Status::Waiting};
     std::atomic<int> m_questions{0};
+    std::atomic<bool> m_isOverdue{false};
+    const Clock::time_point m_end = Clock::now() + Testing::kGenerousLimit;
     std::deque<ResourceDescriptor> m_descriptors;
     App::ResourceDescriptorBundle m_bundle;
 };
@@ -99,7 +110,7 @@ protected:
         return WaitUntil([=] { return m_resource.Questions() >= questions; });
     }
 
-    /// A watch without a deadline that misses its answer waits for ever.
+    /// For a watch that does not even ask.
     const TimeLimit m_limit;
     const TemporaryFolder m_folder;
     FakeResource m_resource;
@@ -263,6 +274,28 @@ TEST_F(ResourceWatchTest, DoesNotCallWhenItIsDestroyedFirst) {
     m_resource.Set(Status::Available);
     EXPECT_FALSE(isCalled);
     EXPECT_EQ(m_resource.Questions(), questions);
+}
+
+TEST_F(ResourceWatchTest, IsGoneBeforeItWouldAskAgain) {
+    constexpr std::chrono::milliseconds kInterval(10);
+    std::atomic<pid_t> thread{0};
+    Clock::time_point lastQuestion;
+    m_resource.onGetState = [&] {
+        lastQuestion = Clock::now();
+        thread = ThisThread();
+    };
+    // Again if the machine was so slow that it was time to ask anyway, but not until the resource
+    // has been asked for too long.
+    const auto isGoneBefore = [&] {
+        thread = 0;
+        const int questions = m_resource.Questions();
+        auto watch = std::make_unique<ResourceWatch>(&m_resource, kNoDeadline, Errors::MayPass,
+                                                     [](Answer) {});
+        EXPECT_TRUE(WaitUntil([&] { return thread != 0 && AllSleep({thread.load()}); }));
+        watch.reset();
+        return m_resource.Questions() == questions + 1 && Clock::now() < lastQuestion + kInterval;
+    };
+    EXPECT_TRUE(WaitUntil(isGoneBefore, Testing::kGenerousLimit / 2));
 }
 
 TEST_F(ResourceWatchTest, DoesNotCallWhenItIsDestroyedBetweenTheQuestionAndTheAnswer) {
