@@ -1,5 +1,6 @@
 #include "ResourceDownloadManager/ResourceItem.h"
 
+#include "support/NextFunction.h"
 #include "support/SchedulingFakes.h"
 #include "support/TemporaryFolder.h"
 #include "support/Waiting.h"
@@ -7,11 +8,36 @@
 #include <gmock/gmock.h>
 
 #include <atomic>
+#include <functional>
 #include <limits>
 #include <string>
 #include <thread>
 #include <tuple>
+#include <utility>
 #include <vector>
+
+#include <sys/stat.h>
+
+namespace Halvex::App {
+namespace {
+
+/// What happens on this thread between the next look at a file that is there and the answer.
+thread_local std::function<void()> onFileFound;
+
+} // namespace
+} // namespace Halvex::App
+
+/// Stands in front of the system's function, or the sanitizer's, for the whole program.
+extern "C" __attribute__((visibility("default"))) int stat(const char* path,
+                                                           struct stat* status) noexcept {
+    using Function = int(const char*, struct stat*);
+    static Function* const next =
+        Halvex::Testing::NextFunction(static_cast<Function*>(&stat), "stat");
+    const int result = next(path, status);
+    if (result == 0 && Halvex::App::onFileFound)
+        std::exchange(Halvex::App::onFileFound, nullptr)();
+    return result;
+}
 
 namespace Halvex::App {
 namespace {
@@ -297,6 +323,43 @@ TEST_F(ResourceItemTest, AFileFoundAtSchedulingIsDownloadedAllTheSameInMode0) {
                 ElementsAre("Trace CheckScheduled a.bin Available NoError 1", "AddTask checks 2"));
     fakes.checks->ExecAll();
     EXPECT_THAT(fakes.recorder.Take(), Contains("Exec a.bin"));
+}
+
+/// While the scheduling finds the file, the download of an earlier check removes it and fails.
+class ResourceItemOvertakenSchedulingTest : public ResourceItemTest {
+protected:
+    ResourceItemOvertakenSchedulingTest() {
+        descriptor.checkOnSchedule = 1;
+        item.Schedule(Priority::Normal);
+        PutFile();
+        DownloaderAnswers(Status::NetworkFailure);
+        onFileFound = [this] {
+            RemoveFile();
+            std::thread([this] { fakes.checks->ExecOne(); }).join();
+            EXPECT_EQ(State(), "Error InternetConnectionLost 0");
+            onFailed();
+        };
+    }
+
+    std::function<void()> onFailed = [] {
+    };
+};
+
+TEST_F(ResourceItemOvertakenSchedulingTest, QueuesACheckOfTheFileThatIsGoneAgain) {
+    item.Schedule(Priority::Low);
+    EXPECT_EQ(State(), "Error InternetConnectionLost 0");
+    EXPECT_THAT(fakes.recorder.Take(),
+                Contains("Trace CheckScheduled a.bin Error InternetConnectionLost 0"));
+    EXPECT_EQ(fakes.checks->Pending(), 1u);
+}
+
+TEST_F(ResourceItemOvertakenSchedulingTest, IsAvailableAndQueuesNothingWhenTheFileIsBack) {
+    onFailed = [this] {
+        PutFile();
+    };
+    item.Schedule(Priority::Low);
+    EXPECT_EQ(State(), "Available NoError 1");
+    EXPECT_EQ(fakes.checks->Pending(), 0u);
 }
 
 class ResourceItemCheckOnSchedule : public ResourceItemTest,
@@ -826,6 +889,21 @@ protected:
         item.Schedule(Priority::Normal);
         std::thread([this] { fakes.checks->ExecOne(); }).join();
     }
+    /// A check that finds the file, while another one finds fault with it and downloads in vain.
+    void CheckAFileThatAnotherCheckRejects() {
+        descriptor.validationMode = 1;
+        folder.Write("file", "content");
+        m_downloads = 1;
+        int validations = 0;
+        fakes.validator->onValidate = [this, &validations](const ResourceDescriptor*) {
+            if (++validations == 2)
+                return 1;
+            CheckElsewhere();
+            return 0;
+        };
+        Check();
+        EXPECT_EQ(validations, 2);
+    }
 
     std::atomic<int> m_downloads{0};
 };
@@ -868,33 +946,13 @@ TEST_F(ResourceItemOvertakenTest, IsAvailableWithAFetchedFileThatIsStillToBeMade
 }
 
 TEST_F(ResourceItemOvertakenTest, IsNotAvailableByAFoundFileWhenOnlyWhatItIsMadeOfIsLeft) {
-    descriptor.validationMode = 1;
     descriptor.downloadPath = folder.Write("archive", "content");
-    folder.Write("file", "content");
-    m_downloads = 1;
-    int validations = 0;
-    fakes.validator->onValidate = [this, &validations](const ResourceDescriptor*) {
-        if (++validations == 2)
-            return 1;
-        CheckElsewhere();
-        return 0;
-    };
-    Check();
+    CheckAFileThatAnotherCheckRejects();
     EXPECT_EQ(State(), "Error InternetConnectionLost 0");
 }
 
 TEST_F(ResourceItemOvertakenTest, IsNotAvailableByAFoundFileThatADownloadHasRemoved) {
-    descriptor.validationMode = 1;
-    folder.Write("file", "content");
-    m_downloads = 1;
-    int validations = 0;
-    fakes.validator->onValidate = [this, &validations](const ResourceDescriptor*) {
-        if (++validations == 2)
-            return 1;
-        CheckElsewhere();
-        return 0;
-    };
-    Check();
+    CheckAFileThatAnotherCheckRejects();
     EXPECT_EQ(State(), "Error InternetConnectionLost 0");
 }
 
