@@ -1,11 +1,30 @@
 #include "integration/Application.h"
+#include "support/FakeScriptedDownloader.h"
+#include "support/NextFunction.h"
 #include "support/ScriptedHttpServer.h"
 
+#include <curl/curl.h>
 #include <gmock/gmock.h>
 
 #include <QtCore/QByteArray>
 
+#include <atomic>
+#include <memory>
 #include <string>
+
+namespace {
+
+/// How many native clients have been made so far: each makes one of what is counted here.
+std::atomic<int> nativeClients{0};
+
+} // namespace
+
+/// Stands in front of curl's function for the whole program.
+extern "C" __attribute__((visibility("default"))) CURLSH* curl_share_init() {
+    static const auto next = Halvex::Testing::NextFunction(&curl_share_init, "curl_share_init");
+    ++nativeClients;
+    return next();
+}
 
 namespace Halvex::App {
 
@@ -43,6 +62,28 @@ TEST_F(DefaultServices, FetchThroughTheNativeClient) {
 
 TEST_F(DefaultServices, FetchThroughTheQtClientWhenThatIsAskedFor) {
     EXPECT_THAT(UserAgent(true), StartsWith("Mozilla/"));
+}
+
+class DefaultServicesBesideADownloader : public DefaultServices {
+protected:
+    /// How many native clients a manager makes for an application with a downloader of its own.
+    static int NativeClients(bool useQtHttpClient) {
+        Application::Params params;
+        params.useQtHttpClient = useQtHttpClient;
+        Application::Dependencies dependencies;
+        dependencies.resourceDownloader = std::make_shared<Testing::FakeScriptedDownloader>();
+        const int before = nativeClients;
+        const Application application(params, dependencies);
+        return nativeClients - before;
+    }
+};
+
+TEST_F(DefaultServicesBesideADownloader, IncludeANativeClient) {
+    EXPECT_EQ(NativeClients(false), 1);
+}
+
+TEST_F(DefaultServicesBesideADownloader, IncludeNoNativeClientWhenTheQtClientIsAskedFor) {
+    EXPECT_EQ(NativeClients(true), 0);
 }
 
 TEST_F(DefaultServices, FetchThroughTheSystemsProxy) {
