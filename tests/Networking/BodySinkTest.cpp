@@ -64,6 +64,45 @@ TEST_F(BodySinkTest, CountsWhatHasArrived) {
     EXPECT_EQ(m_sink.ReceivedBytes(), 3);
 }
 
+TEST_F(BodySinkTest, TakesAllUpToItsEnd) {
+    m_sink.SetEnd(4);
+    EXPECT_TRUE(m_sink.Take("ab"));
+    EXPECT_TRUE(m_sink.Take("cd"));
+    m_sink.Flush();
+    EXPECT_THAT(m_pieces, ElementsAre("abcd"));
+}
+
+TEST_F(BodySinkTest, TakesNothingBeyondItsEnd) {
+    m_sink.SetEnd(4);
+    EXPECT_TRUE(m_sink.Take("abc"));
+    EXPECT_FALSE(m_sink.Take("de"));
+    EXPECT_FALSE(m_sink.Take("f"));
+    m_sink.Flush();
+    EXPECT_THAT(m_pieces, ElementsAre("abcd"));
+    EXPECT_EQ(m_sink.ReceivedBytes(), 4);
+}
+
+TEST_F(BodySinkTest, PutsNothingBeyondItsEndIntoTheBody) {
+    m_options.dataCallback = nullptr;
+    m_sink.SetEnd(2);
+    EXPECT_FALSE(m_sink.Take("abc"));
+    EXPECT_EQ(m_body, "ab");
+}
+
+TEST_F(BodySinkTest, CountsItsEndFromTheResourcesFirstByte) {
+    m_sink.SetEnd(2);
+    EXPECT_FALSE(m_sink.Take("abc"));
+    m_sink.SetEnd(4);
+    EXPECT_FALSE(m_sink.Take("cde"));
+    m_sink.Flush();
+    EXPECT_THAT(m_pieces, ElementsAre("abcd"));
+}
+
+TEST_F(BodySinkTest, TakesEverythingWithoutAnEnd) {
+    EXPECT_TRUE(m_sink.Take(std::string(1'000'000, 'x')));
+    EXPECT_EQ(m_sink.ReceivedBytes(), 1'000'000);
+}
+
 TEST_F(BodySinkTest, ReportsProgressOnlyWhenItHasChanged) {
     m_sink.SetTotal(4);
     m_sink.ReportProgress();
