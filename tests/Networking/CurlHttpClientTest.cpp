@@ -13,6 +13,7 @@
 #include <atomic>
 #include <chrono>
 #include <fstream>
+#include <functional>
 #include <limits>
 #include <map>
 #include <stdexcept>
@@ -30,6 +31,7 @@ namespace {
 using namespace std::chrono_literals;
 using testing::Contains;
 using testing::ElementsAre;
+using testing::EndsWith;
 using Testing::Event;
 using Testing::GeneratedBytes;
 using testing::HasSubstr;
@@ -578,27 +580,55 @@ TEST_F(CurlHttpClientTest, AsksOnAFreshConnectionOnlyOnce) {
     EXPECT_EQ(m_server.RequestCount("/file"), 3u);
 }
 
-TEST_F(CurlHttpClientTest, TakesNothingThatWasNotAskedForForTheNextResponse) {
-    const Testing::LoopbackPort port;
-    port.Listen();
-    Event sent;
-    std::thread server([&] {
-        const int first = port.Accept();
+/// A server that answers with "one " on its first connection and with "two" on the second one, and
+/// in between sends a response on the first one that nobody has asked for.
+class CurlHttpClientUnaskedTest : public CurlHttpClientTest {
+protected:
+    CurlHttpClientUnaskedTest() {
+        m_port.Listen();
+        m_thread = std::thread([this] { Serve(); });
+    }
+    ~CurlHttpClientUnaskedTest() override { m_thread.join(); }
+
+    void SendUnasked() {
+        m_reached.Set();
+        EXPECT_TRUE(m_sent.Wait());
+    }
+    std::string PortUrl() const { return "http://" + m_port.Address() + "/"; }
+
+private:
+    void Serve() {
+        const int first = m_port.Accept();
         Send(first, "HTTP/1.1 200 OK\r\nContent-Length: 4\r\n\r\none ");
         EXPECT_TRUE(m_reached.Wait());
         Send(first, "HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nwrong");
-        sent.Set();
-        const int second = port.Accept();
+        m_sent.Set();
+        const int second = m_port.Accept();
         Send(second, "HTTP/1.1 200 OK\r\nContent-Length: 3\r\n\r\ntwo");
         ::close(second);
         ::close(first);
-    });
-    EXPECT_EQ(GetUrl("http://" + port.Address() + "/").errorCode, 0);
-    m_reached.Set();
-    EXPECT_TRUE(sent.Wait());
-    EXPECT_EQ(GetUrl("http://" + port.Address() + "/").errorCode, 0);
-    server.join();
+    }
+
+    const LoopbackPort m_port;
+    Event m_sent;
+    std::thread m_thread;
+};
+
+TEST_F(CurlHttpClientUnaskedTest, IsNotTakenForTheNextResponse) {
+    EXPECT_EQ(GetUrl(PortUrl()).errorCode, 0);
+    SendUnasked();
+    EXPECT_EQ(GetUrl(PortUrl()).errorCode, 0);
     EXPECT_EQ(m_data, "one two");
+}
+
+// The connection was only looked at when it was the one used last.
+TEST_F(CurlHttpClientUnaskedTest, IsNotTakenAfterAnotherServerWasAskedInBetween) {
+    m_server.On("/file", Reply::Ok("other "));
+    EXPECT_EQ(GetUrl(PortUrl()).errorCode, 0);
+    EXPECT_EQ(Get("/file").errorCode, 0);
+    SendUnasked();
+    EXPECT_EQ(GetUrl(PortUrl()).errorCode, 0);
+    EXPECT_EQ(m_data, "one other two");
 }
 
 TEST_F(CurlHttpClientTest, TakesNothingBehindARedirectForItsTarget) {
@@ -608,32 +638,6 @@ TEST_F(CurlHttpClientTest, TakesNothingBehindARedirectForItsTarget) {
     m_server.On("/to", Reply::Ok("right"));
     EXPECT_EQ(Get("/from").errorCode, 0);
     EXPECT_EQ(m_data, "right");
-}
-
-// The connection was only looked at when it was the one used last.
-TEST_F(CurlHttpClientTest, TakesNothingUnaskedAfterAnotherServerWasAskedInBetween) {
-    const Testing::LoopbackPort port;
-    port.Listen();
-    m_server.On("/file", Reply::Ok("other "));
-    Event sent;
-    std::thread server([&] {
-        const int first = port.Accept();
-        Send(first, "HTTP/1.1 200 OK\r\nContent-Length: 4\r\n\r\none ");
-        EXPECT_TRUE(m_reached.Wait());
-        Send(first, "HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nwrong");
-        sent.Set();
-        const int second = port.Accept();
-        Send(second, "HTTP/1.1 200 OK\r\nContent-Length: 3\r\n\r\ntwo");
-        ::close(second);
-        ::close(first);
-    });
-    EXPECT_EQ(GetUrl("http://" + port.Address() + "/").errorCode, 0);
-    EXPECT_EQ(Get("/file").errorCode, 0);
-    m_reached.Set();
-    EXPECT_TRUE(sent.Wait());
-    EXPECT_EQ(GetUrl("http://" + port.Address() + "/").errorCode, 0);
-    server.join();
-    EXPECT_EQ(m_data, "one other two");
 }
 
 TEST_F(CurlHttpClientTest, KeepsItsConnectionsToSeveralServers) {
@@ -746,8 +750,6 @@ TEST_F(CurlHttpClientTest, ReportsASilentServerAsALostConnection) {
     EXPECT_EQ(Get("/file").errorCode, 8);
 }
 
-;
-
 TEST_F(CurlHttpClientTest, CannotConnectWhereNobodyAnswersInTime) {
     const SilentPort port;
     m_options.connectTimeout = 1;
@@ -834,6 +836,73 @@ TEST_F(CurlHttpClientCancelTest, IsAskedForOftenWhileItsDataIsTakenSlowly) {
         std::this_thread::sleep_for(20ms);
     };
     ExpectOftenAsked(m_server.Url("/file"));
+}
+
+/// A server, or a proxy, that takes a connection, hears its first bytes and never says anything.
+/// Once it has heard them, the request is cancelled: when asked for the third time, so that the
+/// client has had time to get stuck.
+class CurlHttpClientUnansweredTest : public CurlHttpClientTest {
+protected:
+    CurlHttpClientUnansweredTest() {
+        m_silent.Listen();
+        m_options.connectTimeout = 30;
+        m_options.cancellationQuery = [this] {
+            return m_reached.IsSet() && ++m_asked >= 3;
+        };
+    }
+
+    void ExpectPromptlyCancelled(const std::string& firstBytes,
+                                 const std::function<Response()>& request) {
+        std::string heard(firstBytes.size(), '\0');
+        Clock::time_point reached;
+        Event ended;
+        std::thread server([&] {
+            const int connection = m_silent.Accept();
+            ::recv(connection, heard.data(), heard.size(), MSG_WAITALL);
+            reached = Clock::now();
+            m_reached.Set();
+            EXPECT_TRUE(ended.Wait());
+            ::close(connection);
+        });
+        const Response response = request();
+        const Clock::time_point end = Clock::now();
+        ended.Set();
+        server.join();
+        EXPECT_EQ(heard, firstBytes);
+        EXPECT_EQ(response.errorCode, 15);
+        EXPECT_THAT(response.errorText, EndsWith(": cancelled"));
+        EXPECT_LE(end - reached, 5s);
+    }
+
+    using Clock = std::chrono::steady_clock;
+
+    const LoopbackPort m_silent;
+    int m_asked = 0;
+};
+
+TEST_F(CurlHttpClientUnansweredTest, HandshakeOfTlsIsCancelled) {
+    ExpectPromptlyCancelled("\x16\x03",
+                            [this] { return GetUrl("https://" + m_silent.Address() + "/file"); });
+}
+
+TEST_F(CurlHttpClientUnansweredTest, RequestForATunnelIsCancelled) {
+    m_options.proxy = "http://" + m_silent.Address();
+    ExpectPromptlyCancelled("CONNECT host.invalid:443 ",
+                            [this] { return GetUrl("https://host.invalid/file"); });
+}
+
+TEST_F(CurlHttpClientUnansweredTest, GreetingOfASocksProxyIsCancelled) {
+    m_options.proxy = "socks5://" + m_silent.Address();
+    ExpectPromptlyCancelled("\x05", [this] { return GetUrl("http://host.invalid/file"); });
+}
+
+TEST_F(CurlHttpClientUnansweredTest, UploadThatIsNotReadIsCancelled) {
+    Request request;
+    request.url = Url("http://" + m_silent.Address() + "/form");
+    // More than the system holds on the way.
+    const MultiPart form{{{"file", "a.bin", "", std::string(50'000'000, 'x')}}};
+    ExpectPromptlyCancelled("POST /form HTTP/1.1\r\n",
+                            [&] { return m_client.post(request, form, m_options); });
 }
 
 TEST_F(CurlHttpClientTest, SendsNothingMoreOnceCancelledBetweenTwoAttempts) {
