@@ -8,22 +8,27 @@
 #include <gmock/gmock.h>
 
 #include <cstdlib>
+#include <string>
 #include <tuple>
+#include <vector>
 
 namespace Halvex::Networking {
 namespace {
 
 using testing::Combine;
+using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using Testing::HttpProxyServer;
 using testing::IsEmpty;
 using Testing::LoopbackPort;
 using Testing::NginxServer;
+using testing::Not;
 using Testing::Reply;
 using Testing::ScriptedHttpServer;
 using testing::SizeIs;
 using Testing::SocksProxyServer;
+using testing::StrCaseEq;
 using Testing::TemporaryFolder;
 using testing::Values;
 
@@ -165,6 +170,35 @@ TEST_F(CurlHttpClientProxyTest, CannotConnectWhenTheProxyDoesNotAnswerInTime) {
     m_options.proxy = proxy.Url("");
     m_options.connectTimeout = 1;
     EXPECT_EQ(Get(m_server.SecureUrl("/file")).errorCode, 3);
+}
+
+/// The fields of all requests that a server has received, by name.
+std::vector<std::string> FieldNames(const ScriptedHttpServer& server) {
+    std::vector<std::string> names;
+    for (const ScriptedHttpServer::Request& request : server.Requests()) {
+        for (const auto& [name, value] : request.headers)
+            names.push_back(name);
+    }
+    return names;
+}
+
+TEST_F(CurlHttpClientProxyTest, TellsTheProxysPasswordToNoServer) {
+    const HttpProxyServer proxy("BasicAuth user secret");
+    m_options.proxy = proxy.Url("user:secret");
+    ScriptedHttpServer plain;
+    ScriptedHttpServer secure(TestAuthority::ForLoopback());
+    ScriptedHttpServer other(TestAuthority::ForLoopback());
+    plain.On("/file", Reply::Redirect(secure.Url("/file")));
+    secure.On("/file", Reply::Redirect(other.Url("/file")));
+    other.On("/file", Reply::Ok("content"));
+    const Response response = Get(plain.Url("/file"));
+    EXPECT_EQ(response.errorCode, 0) << response.errorText;
+    EXPECT_EQ(m_data, "content");
+    EXPECT_THAT(proxy.Requests(), SizeIs(3));
+    for (const ScriptedHttpServer* server : {&plain, &secure, &other}) {
+        EXPECT_THAT(FieldNames(*server), Contains("Host"));
+        EXPECT_THAT(FieldNames(*server), Not(Contains(StrCaseEq("Proxy-Authorization"))));
+    }
 }
 
 // A SOCKS5 proxy

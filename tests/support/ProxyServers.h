@@ -20,6 +20,10 @@ public:
 
     /// As the clients take it.
     std::string Url() const { return "http://" + m_port.Address(); }
+    /// The same for a user, given as name:password.
+    std::string Url(const std::string& user) const {
+        return "http://" + user + "@" + m_port.Address();
+    }
 
     /// The first line of each request so far, such as "CONNECT localhost:443 HTTP/1.1". It is there
     /// before the request is answered.
