@@ -166,7 +166,9 @@ bool CurlExchange::HasEnded() {
         m_end = ExchangeEnd::NoConnect;
     else
         m_end = ToExchangeEnd(code, IsConnected());
-    if (code != CURLE_OK)
+    if (code == CURLE_SSL_CACERT_BADFILE)
+        m_errorText = "no certificate authority can be read from " + m_handle.authorities.Source();
+    else if (code != CURLE_OK)
         m_errorText = m_curlText[0] != '\0' ? m_curlText : curl_easy_strerror(code);
     if (m_end == ExchangeEnd::Complete && !m_judged)
         Lose("the connection was closed before the response's headers were complete");

@@ -29,6 +29,8 @@ public:
 
     /// Null: they cannot be read.
     X509_STORE* Store() EXCLUDES(m_mutex);
+    /// Where they are read from, for people.
+    std::string Source() const { return m_file.empty() ? "the system" : m_file; }
 
 private:
     const std::string m_file;

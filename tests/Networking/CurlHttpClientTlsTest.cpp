@@ -21,6 +21,7 @@
 namespace Halvex::Networking {
 namespace {
 
+using testing::EndsWith;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using Testing::LoopbackPort;
@@ -141,12 +142,15 @@ TEST_F(CurlHttpClientTlsTest, DoesNotTakeABodyForWholeWhenTheConnectionWasCut) {
     EXPECT_EQ(m_data, "whole cont");
 }
 
-/// Whether the system knows of a connection to the port that the server has closed.
-bool HasClosedConnectionTo(int port) {
-    std::ostringstream address;
-    address << "0100007F:" << std::uppercase << std::hex << std::setw(4) << std::setfill('0')
-            << port << " 08 ";
-    return Testing::ReadFile(ioPath("/proc/self/net/tcp")).find(address.str()) != std::string::npos;
+/// A state of a connection as the system writes it.
+constexpr const char* kClosedByServer = "08";
+
+/// Whether the system knows of a connection to the port in this state.
+bool HasConnectionTo(int port, const std::string& state) {
+    std::ostringstream entry;
+    entry << "0100007F:" << std::uppercase << std::hex << std::setw(4) << std::setfill('0') << port
+          << ' ' << state << ' ';
+    return Testing::ReadFile(ioPath("/proc/self/net/tcp")).find(entry.str()) != std::string::npos;
 }
 
 TEST_F(CurlHttpClientTlsTest, DoesNotTakeTheEndOfAnIdleConnectionForThatOfTheNext) {
@@ -159,7 +163,8 @@ TEST_F(CurlHttpClientTlsTest, DoesNotTakeTheEndOfAnIdleConnectionForThatOfTheNex
                        scripted.Url("") + "; } chunked_transfer_encoding off;",
                    NginxServer::Https{TestAuthority::ForLoopback(), false});
     EXPECT_EQ(Get(server->SecureUrl("/whole")).errorCode, 0);
-    EXPECT_TRUE(Testing::WaitUntil([&] { return HasClosedConnectionTo(server->SecurePort()); }));
+    EXPECT_TRUE(
+        Testing::WaitUntil([&] { return HasConnectionTo(server->SecurePort(), kClosedByServer); }));
     m_options.progressCallback = [&](std::size_t, std::size_t) {
         server.reset();
     };
@@ -266,6 +271,44 @@ TEST_F(CurlHttpClientTlsTest, TrustsNobodyOfAnUnknownAuthority) {
     EXPECT_THAT(response.errorText, HasSubstr("issuer"));
     EXPECT_EQ(m_data, "");
 }
+
+// Authorities that cannot be had
+
+/// What a file that should hold certificate authorities holds instead; null: there is no such file.
+struct BadAuthorityFile {
+    const char* name;
+    const char* content;
+};
+
+class CurlHttpClientBadAuthorityFileTest : public CurlHttpClientTlsTest,
+                                           public testing::WithParamInterface<BadAuthorityFile> {};
+
+TEST_P(CurlHttpClientBadAuthorityFileTest, IsToldAndNothingIsFetched) {
+    m_folder.Write("file", "content");
+    const NginxServer server = Serve();
+    const ioPath path = m_trust / "bad.pem";
+    if (GetParam().content != nullptr)
+        m_trust.Write("bad.pem", GetParam().content);
+    Request request;
+    request.url = Url(server.SecureUrl("/file"));
+    const Response response = CurlHttpClient(path.string()).get(request, m_options);
+    EXPECT_EQ(response.errorCode, 4);
+    EXPECT_THAT(response.errorText, HasSubstr("127.0.0.1:" + std::to_string(server.SecurePort())));
+    EXPECT_THAT(response.errorText,
+                EndsWith("no certificate authority can be read from " + path.string()));
+    EXPECT_EQ(m_data, "");
+    EXPECT_EQ(response.body, "");
+    EXPECT_THAT(server.AccessLog(), IsEmpty());
+}
+
+INSTANTIATE_TEST_SUITE_P(Files, CurlHttpClientBadAuthorityFileTest,
+                         testing::Values(BadAuthorityFile{"Missing", nullptr},
+                                         BadAuthorityFile{"Empty", ""},
+                                         BadAuthorityFile{"Garbage", "no certificate at all"},
+                                         BadAuthorityFile{"BrokenCertificate",
+                                                          "-----BEGIN CERTIFICATE-----\n!!!\n"
+                                                          "-----END CERTIFICATE-----\n"}),
+                         [](const auto& row) { return row.param.name; });
 
 // A server that does not speak TLS, or stops to
 
