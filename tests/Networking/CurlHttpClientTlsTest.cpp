@@ -1,5 +1,6 @@
 #include "Networking/CurlHttpClient.h"
 
+#include "support/NextFunction.h"
 #include "support/NginxServer.h"
 #include "support/ScriptedHttpServer.h"
 #include "support/TemporaryFolder.h"
@@ -9,6 +10,8 @@
 
 #include <algorithm>
 #include <atomic>
+#include <csignal>
+#include <cstdlib>
 #include <iomanip>
 #include <map>
 #include <optional>
@@ -17,6 +20,24 @@
 
 #include <sys/socket.h>
 #include <unistd.h>
+
+namespace Halvex::Networking {
+namespace {
+
+/// Whether the system is to raise SIGPIPE whatever the sender asks for: curl 7.88 asks it not to,
+/// where earlier versions leave TLS connections to OpenSSL, which does not.
+std::atomic<bool> sendingMayRaiseSigpipe{false};
+
+} // namespace
+} // namespace Halvex::Networking
+
+/// Stands in front of the system's function, or the sanitizer's, for the whole program.
+extern "C" __attribute__((visibility("default"))) ssize_t send(int socket, const void* data,
+                                                               std::size_t size, int flags) {
+    static const auto next = Halvex::Testing::NextFunction(&send, "send");
+    const int removed = Halvex::Networking::sendingMayRaiseSigpipe ? MSG_NOSIGNAL : 0;
+    return next(socket, data, size, flags & ~removed);
+}
 
 namespace Halvex::Networking {
 namespace {
@@ -142,7 +163,8 @@ TEST_F(CurlHttpClientTlsTest, DoesNotTakeABodyForWholeWhenTheConnectionWasCut) {
     EXPECT_EQ(m_data, "whole cont");
 }
 
-/// A state of a connection as the system writes it.
+/// The states of connections as the system writes them.
+constexpr const char* kEstablished = "01";
 constexpr const char* kClosedByServer = "08";
 
 /// Whether the system knows of a connection to the port in this state.
@@ -328,6 +350,93 @@ TEST_F(CurlHttpClientTlsTest, FailsWhenAPlainServerIsToSpeakTls) {
     EXPECT_EQ(response.errorCode, 4);
     EXPECT_THAT(response.errorText, HasSubstr("SSL"));
     EXPECT_EQ(m_data, "");
+}
+
+// Signals
+
+const std::string kLargeBody(10'000'000, 'x');
+
+/// In a process that a SIGPIPE ends.
+void UploadToAServerThatHangsUpAtOnce() {
+    ::signal(SIGPIPE, SIG_DFL);
+    const LoopbackPort port;
+    port.Listen();
+    std::thread server([&port] { ::close(port.Accept()); });
+    Request request;
+    request.url = Url("http://" + port.Address() + "/form");
+    Options options;
+    options.timeout = 3'600'000'000;
+    EXPECT_EQ(CurlHttpClient().post(request, kLargeBody, options).errorCode, 8);
+    server.join();
+}
+
+/// A client that keeps a connection over TLS which the server has reset, in a process that a
+/// SIGPIPE ends.
+class ClientOfAServerThatHangsUp {
+public:
+    ClientOfAServerThatHangsUp() {
+        ::signal(SIGPIPE, SIG_DFL);
+        sendingMayRaiseSigpipe = true;
+        m_options.timeout = 3'600'000'000;
+        m_server.On("/reset", Reply::Ok("content").ResetAfter(7));
+        m_server.On("/form", Reply::Ok(""));
+        EXPECT_EQ(m_client.get(RequestOf("/reset"), m_options).errorCode, 0);
+        EXPECT_TRUE(
+            Testing::WaitUntil([this] { return !HasConnectionTo(m_server.Port(), kEstablished); }));
+    }
+
+    void Upload() {
+        EXPECT_EQ(m_client.post(RequestOf("/form"), kLargeBody, m_options).errorCode, 0);
+        EXPECT_EQ(m_server.ConnectionCount(), 2);
+    }
+
+private:
+    Request RequestOf(const std::string& path) const {
+        Request request;
+        request.url = Url(m_server.Url(path));
+        return request;
+    }
+
+    ScriptedHttpServer m_server{TestAuthority::ForLoopback()};
+    const TemporaryFolder m_trust;
+    CurlHttpClient m_client{m_trust.Write("authority.pem", TestAuthority::Certificate()).string()};
+    Options m_options;
+};
+
+[[noreturn]] void EndProcess() {
+    std::_Exit(testing::Test::HasFailure() ? 1 : 0);
+}
+
+class CurlHttpClientDeathTest : public testing::Test {
+protected:
+    CurlHttpClientDeathTest() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+};
+
+TEST_F(CurlHttpClientDeathTest, SurvivesAnUploadToAServerThatHangsUpAtOnce) {
+    EXPECT_EXIT(
+        {
+            UploadToAServerThatHangsUpAtOnce();
+            EndProcess();
+        },
+        testing::ExitedWithCode(0), "");
+}
+
+TEST_F(CurlHttpClientDeathTest, SurvivesAnUploadAfterTheServerHasHungUp) {
+    EXPECT_EXIT(
+        {
+            ClientOfAServerThatHangsUp().Upload();
+            EndProcess();
+        },
+        testing::ExitedWithCode(0), "");
+}
+
+TEST_F(CurlHttpClientDeathTest, SurvivesTheEndOfAClientAfterTheServerHasHungUp) {
+    EXPECT_EXIT(
+        {
+            ClientOfAServerThatHangsUp{};
+            EndProcess();
+        },
+        testing::ExitedWithCode(0), "");
 }
 
 /// The parameter: whether the connection is reset, which it is when it ends with bytes unread;
