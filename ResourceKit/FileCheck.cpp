@@ -1,5 +1,7 @@
 #include "ResourceKit/FileCheck.h"
 
+#include "ResourceKit/OpenFile.h"
+
 #include <openssl/evp.h>
 
 #include <algorithm>
@@ -11,10 +13,6 @@
 #include <system_error>
 #include <vector>
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 namespace Halvex::Kit {
 
 namespace {
@@ -22,46 +20,6 @@ namespace {
 using Verdict = FileFinding::Verdict;
 
 constexpr std::size_t kPieceBytes = 256 * 1024;
-
-/// A file that is open for reading.
-class OpenFile {
-public:
-    /// Without O_NONBLOCK, opening a pipe would wait for its writer.
-    explicit OpenFile(const App::ioPath& path)
-        : m_descriptor(::open(path.string().c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)),
-          m_error(m_descriptor < 0 ? errno : 0) {}
-    ~OpenFile() {
-        if (m_descriptor >= 0)
-            ::close(m_descriptor);
-    }
-
-    OpenFile(const OpenFile&) = delete;
-    OpenFile& operator=(const OpenFile&) = delete;
-
-    /// The system's error number; 0: it is open.
-    int Error() const { return m_error; }
-
-    /// In bytes; nothing when this is no regular file.
-    std::optional<std::uint64_t> Size() const {
-        struct stat status {};
-        if (::fstat(m_descriptor, &status) != 0 || !S_ISREG(status.st_mode))
-            return std::nullopt;
-        return static_cast<std::uint64_t>(status.st_size);
-    }
-
-    /// The bytes read; 0 at the end, negative after a failure.
-    ssize_t Read(std::vector<char>& buffer) const {
-        ssize_t count = 0;
-        do {
-            count = ::read(m_descriptor, buffer.data(), buffer.size());
-        } while (count < 0 && errno == EINTR);
-        return count;
-    }
-
-private:
-    const int m_descriptor;
-    const int m_error;
-};
 
 /// The SHA-256 of what it is given, piece by piece.
 class Sha256 {

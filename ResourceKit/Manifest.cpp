@@ -1,20 +1,46 @@
 #include "ResourceKit/Manifest.h"
 
-#include "ResourceDownloadManager/FileUtils.h"
+#include "ResourceKit/Complaint.h"
+#include "ResourceKit/OpenFile.h"
 
+#include <cerrno>
 #include <filesystem>
 #include <set>
 #include <system_error>
 
 namespace Halvex::Kit {
 
+namespace {
+
+constexpr std::size_t kPieceBytes = 64 * 1024;
+
+/// Appends the whole of a file to the text.
+Complaint Read(const App::ioPath& path, std::string& text) {
+    const OpenFile file(path);
+    if (file.Error() != 0)
+        return std::generic_category().message(file.Error());
+    if (!file.Size())
+        return "no regular file";
+    std::vector<char> piece(kPieceBytes);
+    while (true) {
+        const ssize_t count = file.Read(piece);
+        if (count < 0)
+            return std::generic_category().message(errno);
+        if (count == 0)
+            return std::nullopt;
+        text.append(piece.data(), static_cast<std::size_t>(count));
+    }
+}
+
+} // namespace
+
 // The other functions that make manifests and documents have source files of their own.
 
 ManifestResult Manifest::Load(const App::ioPath& document, const Options& options) {
-    std::vector<std::uint8_t> text;
-    if (!App::ReadWholeFileToBuffer(document, text))
-        return {nullptr, {document.string() + ": cannot be read"}};
-    return Parse(std::string(text.begin(), text.end()), document.string(), options);
+    std::string text;
+    if (const Complaint reason = Read(document, text))
+        return {nullptr, {document.string() + ": cannot be read: " + *reason}};
+    return Parse(text, document.string(), options);
 }
 
 const Manifest::File* Manifest::Find(const App::ResourceDescriptor& descriptor) const {

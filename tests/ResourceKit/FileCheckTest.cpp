@@ -83,6 +83,12 @@ TEST_F(FileCheck, SaysWhyAFileCannotBeOpened) {
     EXPECT_EQ(finding.message, "unreadable: File name too long");
 }
 
+TEST_F(FileCheck, TakesNoPathForThatBeforeItsZeroByte) {
+    const FileFinding finding = CheckFile(m_folder / std::string("file\0x", 6), {});
+    EXPECT_EQ(finding.verdict, Verdict::Unreadable);
+    EXPECT_EQ(finding.message, "unreadable: Invalid argument");
+}
+
 TEST_F(FileCheck, DoesNotReadAFileOfTheWrongSize) {
     bool isAsked = false;
     CheckFile(m_file, {4, kSumOfAbc}, [&] { return isAsked = true; });

@@ -206,12 +206,19 @@ TEST(Manifest, IsLoadedFromAFile) {
                 ElementsAre(bad.string() + ":1: the manifest has no field \"bundles\""));
 }
 
-TEST(Manifest, CannotBeLoadedFromWhatCannotBeRead) {
+TEST(Manifest, SaysWhyItsFileCannotBeRead) {
     const Testing::TemporaryFolder folder;
-    for (const App::ioPath& path : {folder / "nothing", App::ioPath(folder.Path())}) {
+    folder.Write("a", R"({"bundles": []})");
+    const std::pair<App::ioPath, std::string> rows[] = {
+        {folder / "nothing", "No such file or directory"},
+        {folder / "a/b", "Not a directory"},
+        {App::ioPath(folder.Path()), "no regular file"},
+        {folder / std::string("a\0b", 3), "Invalid argument"},
+    };
+    for (const auto& [path, reason] : rows) {
         const ManifestResult result = Manifest::Load(path, {});
         EXPECT_EQ(result.manifest, nullptr);
-        EXPECT_THAT(result.mistakes, ElementsAre(path.string() + ": cannot be read"));
+        EXPECT_THAT(result.mistakes, ElementsAre(path.string() + ": cannot be read: " + reason));
     }
 }
 
