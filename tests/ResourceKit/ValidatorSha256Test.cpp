@@ -2,11 +2,14 @@
 
 #include "ResourceDownloadManager/ResourceDescriptor.h"
 #include "support/LogCapture.h"
+#include "support/MemoryPeak.h"
+#include "support/Sanitizers.h"
 #include "support/TemporaryFolder.h"
 
 #include <gmock/gmock.h>
 
 #include <atomic>
+#include <cstdint>
 #include <filesystem>
 #include <string>
 #include <thread>
@@ -20,6 +23,9 @@ using testing::IsEmpty;
 // As sha256sum prints them.
 constexpr char kSumOfAbc[] = "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad";
 constexpr char kSumOfAbd[] = "a52d159f262b2c6ddb724a61840befc36eb30c88877a4030b65cbe86298449c9";
+constexpr std::uint64_t kLargeBytes = 256 * 1024 * 1024;
+constexpr std::uint64_t kLittleBytes = 4 * 1024 * 1024;
+constexpr char kSumOfLarge[] = "a6d72ac7690f53be6ae46ba88506bd97302a093f7108472bd9efc3cefda06484";
 
 class ValidatorSha256Test : public testing::Test {
 protected:
@@ -80,6 +86,20 @@ TEST_F(ValidatorSha256Test, LeavesTheOldCopyOfAFileThatIsDownloadedElsewhere) {
     descriptor.downloadPath = folder / "new";
     ExpectRejection({4, {}}, "rejecting file=FILE: short: 3 bytes instead of 4");
     EXPECT_TRUE(Exists());
+}
+
+TEST_F(ValidatorSha256Test, NeedsNoMoreMemoryForALargeFile) {
+    if (Testing::kSanitized)
+        GTEST_SKIP() << "a sanitizer holds memory back";
+    // Zeros that take no room on disk.
+    std::filesystem::resize_file(folder.Write("file", "").string(), kLargeBytes);
+    const Testing::MemoryPeak memory;
+    ASSERT_TRUE(memory.IsReset());
+    EXPECT_EQ(Validate({kLargeBytes, kSumOfLarge}), 0);
+    EXPECT_LT(memory.Growth(), kLittleBytes);
+    // It would have shown.
+    const std::string much = Testing::SomeBytes(2 * kLittleBytes);
+    EXPECT_GT(memory.Growth(), kLittleBytes);
 }
 
 TEST_F(ValidatorSha256Test, RejectsAMissingFile) {

@@ -3,6 +3,7 @@
 #include "ResourceDownloadManager/Downloader/ResourceDownloaderHttp.h"
 #include "integration/Application.h"
 #include "integration/HostileBehaviours.h"
+#include "support/MemoryPeak.h"
 #include "support/TestAuthority.h"
 
 #include <gmock/gmock.h>
@@ -33,6 +34,7 @@ using testing::Ge;
 using Testing::GeneratedBytes;
 using testing::Le;
 using testing::Lt;
+using Testing::MemoryPeak;
 using Testing::Outcome;
 using Testing::Outcomes;
 using Testing::Pace;
@@ -81,28 +83,6 @@ private:
     const std::unique_ptr<IHttpClient> m_client;
     const Pace m_pace;
     const std::chrono::seconds m_farAway;
-};
-
-/// How much memory the process has had at most since this began, beyond what it had then.
-class MemoryPeak {
-public:
-    MemoryPeak() {
-        std::ofstream("/proc/self/clear_refs") << "5";
-        m_before = HighestBytes();
-    }
-    std::uint64_t Growth() const { return std::max(HighestBytes(), m_before) - m_before; }
-
-private:
-    static std::uint64_t HighestBytes() {
-        std::ifstream status("/proc/self/status");
-        for (std::string word; status >> word;) {
-            if (word == "VmHWM:" && status >> word)
-                return std::stoull(word) * 1024;
-        }
-        return 0;
-    }
-
-    std::uint64_t m_before;
 };
 
 enum class Client { Native, Qt };
