@@ -68,7 +68,7 @@ public:
         ExpectedFile expected;
         /// Its place in Bundles.
         std::size_t bundle = 0;
-        /// Its userData is its place in Files, which Find relies on. Its trace lines name it
+        /// Its userData is its place in Files, where Find looks for it. Its trace lines name it
         /// bundle/path.
         App::ResourceDescriptor descriptor;
     };
@@ -85,7 +85,7 @@ public:
         std::optional<std::uint64_t> totalBytes = 0;
     };
 
-    /// Reads a document from a file.
+    /// Reads a document from a file. The mistake of one that cannot be read says why.
     static ManifestResult Load(const App::ioPath& document, const Options& options);
 
     /// Reads a document. The name is what the mistakes call it.
@@ -119,7 +119,9 @@ public:
     std::deque<File>& Files() { return m_files; }
     const std::deque<Bundle>& Bundles() const { return m_bundles; }
 
-    /// The file that a descriptor belongs to; null when it is not of this manifest.
+    /// The file that a descriptor belongs to; null when it is not of this manifest. A descriptor is
+    /// known by its address: null for a copy too, such as the one that the downloader inside a
+    /// ResourceDownloaderMirrors gets. The copy has the userData, which is the place in Files.
     const File* Find(const App::ResourceDescriptor& descriptor) const;
 
     /// For ValidatorSha256 and PostProcessorInstall. Borrows the manifest, which must outlive it.

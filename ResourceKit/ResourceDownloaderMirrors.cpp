@@ -41,6 +41,14 @@ std::string HostOf(const std::string& baseUrl) {
     return url.host().toStdString() + ':' + std::to_string(port);
 }
 
+/// Whether what is fetched is at one place only, which relativePath names by itself.
+bool HasAddressOfItsOwn(const App::ResourceDescriptor& descriptor) {
+    const QString path = QString::fromStdString(descriptor.relativePath);
+    return descriptor.baseUrl.empty() &&
+           (path.startsWith(QLatin1String("http://"), Qt::CaseInsensitive) ||
+            path.startsWith(QLatin1String("https://"), Qt::CaseInsensitive));
+}
+
 /// Passes a downloader's progress on, without the part that repeats what has been reported.
 class RisingProgress {
 public:
@@ -154,7 +162,7 @@ App::IResourceDownloader::Status ResourceDownloaderMirrors::Exec(Task task) cons
         LOG(ERROR) << "there is no downloader for request=" << local.descriptor->relativePath;
         return Status::Failed;
     }
-    if (m_impl->baseUrls.empty())
+    if (m_impl->baseUrls.empty() || HasAddressOfItsOwn(*local.descriptor))
         return m_impl->downloader->Exec(local);
 
     RisingProgress progress(local.progressCallback);

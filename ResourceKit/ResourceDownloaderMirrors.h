@@ -30,6 +30,15 @@ namespace Halvex::Kit {
 ///         http, std::vector<std::string>{"https://eu.example.org/f/",
 ///         "https://us.example.org/f/"});
 ///
+/// A descriptor whose relativePath is an address of its own and whose baseUrl is empty, as a
+/// Manifest makes it for a file with a url and for a plain list, goes to the other downloader as it
+/// is: it has no mirrors, and says nothing about any. An address begins with http:// or https://,
+/// in any case; with another relativePath an empty baseUrl is replaced like any other.
+///
+/// For a mirror the other downloader gets a copy of the descriptor, at another address. What knows
+/// a descriptor by its address, such as Manifest::Find, does not know the copy; the userData is the
+/// same.
+///
 /// A failure of any kind counts against the host, because a status does not tell a broken server
 /// from a full disk; what is wrong with this machine is wrong with all hosts, and then none is
 /// favoured. While the application is offline nothing counts, and no further host is tried.

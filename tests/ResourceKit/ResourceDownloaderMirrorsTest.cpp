@@ -4,6 +4,7 @@
 #include "Networking/IHttpClient.h"
 #include "ResourceDownloadManager/Downloader/ResourceDownloaderHttp.h"
 #include "ResourceDownloadManager/INetworkStateChecker.h"
+#include "ResourceKit/Manifest.h"
 #include "integration/Application.h"
 #include "support/BackgroundCall.h"
 #include "support/FakeScriptedDownloader.h"
@@ -156,6 +157,22 @@ TEST_F(ResourceDownloaderMirrorsTest, ChangesNothingButTheBaseAddressAndThatInAC
     EXPECT_EQ(m_descriptor.baseUrl, "http://origin.example/");
 }
 
+TEST_F(ResourceDownloaderMirrorsTest, MakesCopiesThatAManifestKnowsByTheirUserDataOnly) {
+    const ManifestResult result = Manifest::FromUrls({"http://h/a", "http://h/b"}, {});
+    ASSERT_NE(result.manifest, nullptr);
+    Manifest::File& file = result.manifest->Files()[1];
+    file.descriptor.baseUrl = "http://h/";
+    Make({kA});
+    m_duringDownload = [&](const Task& task) {
+        EXPECT_EQ(result.manifest->Find(*task.descriptor), nullptr);
+        EXPECT_EQ(&result.manifest->Files()[task.descriptor->userData], &file);
+    };
+    Task task = ATask();
+    task.descriptor = &file.descriptor;
+    EXPECT_EQ(m_mirrors->Exec(std::move(task)), Status::Ok);
+    EXPECT_THAT(TakeAsked(), ElementsAre(kA));
+}
+
 TEST_F(ResourceDownloaderMirrorsTest, GoesOnUntilOneWorks) {
     Make({kA, kB, kC});
     Set(kA, Status::Failed);
@@ -174,6 +191,59 @@ TEST_F(ResourceDownloaderMirrorsTest, BeginsWithTheLastOneThatWorkedAndKeepsTheO
     Set(kA, Status::Failed);
     Set(kC, Status::Failed);
     EXPECT_THAT(AskedByADownload(), ElementsAre(kC, kA, kB));
+}
+
+/// A file that says itself where it is.
+class ResourceDownloaderMirrorsAddressTest : public ResourceDownloaderMirrorsTest,
+                                             public testing::WithParamInterface<const char*> {
+protected:
+    ResourceDownloaderMirrorsAddressTest() {
+        m_descriptor.baseUrl.clear();
+        m_descriptor.relativePath = GetParam();
+    }
+};
+
+INSTANTIATE_TEST_SUITE_P(Addresses, ResourceDownloaderMirrorsAddressTest,
+                         testing::Values("http://other.example/file", "https://other.example/file",
+                                         "HTTP://other.example/file",
+                                         "hTTps://other.example/file"));
+
+TEST_P(ResourceDownloaderMirrorsAddressTest, IsAskedForOnceAndAsItIs) {
+    Make({kA, kB});
+    m_duringDownload = [&](const Task& task) {
+        EXPECT_EQ(task.descriptor, &m_descriptor);
+    };
+    for (const Status status : {Status::Ok, Status::NetworkFailure, Status::Failed}) {
+        Set("", status);
+        EXPECT_EQ(Download(), status);
+        EXPECT_THAT(TakeAsked(), ElementsAre(""));
+    }
+}
+
+TEST_P(ResourceDownloaderMirrorsAddressTest, CountsForNoHost) {
+    Make({kA, kB});
+    Set("", Status::Failed);
+    Fail(5);
+    m_descriptor.relativePath = "file.bin";
+    EXPECT_THAT(AskedByADownload(), ElementsAre(kA));
+    Set(kA, Status::Failed);
+    EXPECT_THAT(AskedByADownload(), ElementsAre(kA, kB));
+}
+
+TEST_P(ResourceDownloaderMirrorsAddressTest, IsAPathWhenThereIsABaseAddress) {
+    m_descriptor.baseUrl = "http://origin.example/";
+    Make({kA});
+    EXPECT_THAT(AskedByADownload(), ElementsAre(kA));
+}
+
+TEST_F(ResourceDownloaderMirrorsTest, SuppliesTheBaseAddressThatAPathLacks) {
+    m_descriptor.baseUrl.clear();
+    Make({kA, kB});
+    Set(kA, Status::Failed);
+    for (const char* path : {"file.bin", "http", "http:/file", "httpd://file", "a/http://b"}) {
+        m_descriptor.relativePath = path;
+        EXPECT_THAT(AskedByADownload(), testing::Contains(kB)) << path;
+    }
 }
 
 // Hosts that are left out
@@ -561,6 +631,30 @@ TEST_F(ResourceDownloaderMirrorsHttpTest, TakesTheWholeFileFromTheSecondServerAf
     m_application.Run();
     EXPECT_EQ(Outcome(m_resource->GetState()), "Available NoError");
     EXPECT_TRUE(ReadFile(m_file.localPath) == GeneratedBytes(0, kSize, 2));
+}
+
+TEST_F(ResourceDownloaderMirrorsHttpTest, TakesAFileWithAUrlOfItsOwnFromThere) {
+    ScriptedHttpServer other;
+    other.On("/other", Reply::Ok("other"));
+    m_first.On("/plain", Reply::Ok("plain"));
+    const Testing::TemporaryFolder folder;
+    const ManifestResult result = Manifest::Parse(
+        R"({"baseUrl": "http://127.0.0.1:9/", "bundles": [{"name": "b", "files": [
+            {"path": "plain"}, {"path": "own", "url": ")" +
+            other.Url("/other") + R"("}]}]})",
+        "m.json", {folder.Path()});
+    ASSERT_NE(result.manifest, nullptr);
+    Testing::Application application({}, OverTheMirrors());
+    App::IRemoteResource* const resource =
+        application.manager.GetMainScheduler()->RegisterAutoSchedule(
+            &result.manifest->Bundles()[0].descriptors,
+            App::ISchedulableResource::SchedulePriority::Normal);
+    application.Run();
+    EXPECT_EQ(Outcome(resource->GetState()), "Available NoError");
+    EXPECT_EQ(ReadFile(folder / "plain"), "plain");
+    EXPECT_EQ(ReadFile(folder / "own"), "other");
+    EXPECT_EQ(m_first.Requests().size(), 1U);
+    EXPECT_THAT(m_second.Requests(), IsEmpty());
 }
 
 TEST_F(ResourceDownloaderMirrorsHttpTest, EndsInAnErrorWhenNoServerHasIt) {
