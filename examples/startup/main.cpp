@@ -9,10 +9,13 @@
 #include <ResourceKit/ValidatorSha256.h>
 
 #include <QtCore/QCoreApplication>
+#include <QtCore/QEventLoop>
 
 #include <algorithm>
 #include <chrono>
+#include <cstddef>
 #include <cstdlib>
+#include <deque>
 #include <iostream>
 #include <memory>
 #include <string>
@@ -35,6 +38,25 @@ Answer WaitForAll(const Resources& resources, ResourceWatch::Deadline deadline) 
         worst = std::max(worst, answer);
     }
     return worst;
+}
+
+/// Runs the event loop, which keeps a window alive, until there is an answer for each.
+void RunUntilAnswered(const Resources& resources, ResourceWatch::Deadline deadline) {
+    QEventLoop loop;
+    std::size_t waitedFor = resources.size();
+    std::deque<ResourceWatch> watches;
+    for (IRemoteResource* resource : resources) {
+        // The function is called on a thread of the watch: a window's own work goes to this one.
+        watches.emplace_back(resource, deadline, ResourceWatch::Errors::MayPass, [&](Answer) {
+            const auto onThisThread = [&] {
+                if (--waitedFor == 0)
+                    loop.quit();
+            };
+            QMetaObject::invokeMethod(&loop, onThisThread, Qt::QueuedConnection);
+        });
+    }
+    if (!resources.empty())
+        loop.exec();
 }
 
 bool CanStart(Answer answer) {
@@ -98,8 +120,7 @@ int main(int argc, char** argv) {
     const bool starts = CanStart(WaitForAll(startUp, deadline));
     if (starts) {
         // An application shows its window now; this one waits for the rest.
-        for (IRemoteResource* resource : others)
-            ResourceWatch::WaitUntilAvailable(resource, deadline);
+        RunUntilAnswered(others, deadline);
     }
     manager.Abort();
     return starts ? 0 : 1;

@@ -1,10 +1,20 @@
 // How an application tests its own code that downloads: without a server, and in no time.
+#include <Foundation/HttpClientFactory.h>
+#include <Networking/IHttpClient.h>
+#include <ResourceDownloadManager/DownloadRetrierStub.h>
+#include <ResourceDownloadManager/Downloader/ResourceDownloaderHttp.h>
+#include <ResourceDownloadManager/EventTracerStub.h>
 #include <ResourceDownloadManager/IRemoteResource.h>
 #include <ResourceDownloadManager/IRemoteResourceScheduler.h>
+#include <ResourceDownloadManager/PostProcessorStub.h>
+#include <ResourceDownloadManager/RemoteResourceScheduler.h>
 #include <ResourceDownloadManager/ResourceDescriptor.h>
 #include <ResourceDownloadManager/ResourceDownloadManager.h>
+#include <ResourceDownloadManager/ValidatorStub.h>
+#include <ResourceKit/Testing/ManualTaskQueue.h>
 #include <ResourceKit/Testing/RecordingEventHandler.h>
 #include <ResourceKit/Testing/ScriptedDownloader.h>
+#include <ResourceKit/Testing/ScriptedHttpServer.h>
 
 #include <gtest/gtest.h>
 
@@ -18,17 +28,19 @@ using namespace Halvex::Kit::Testing;
 
 namespace {
 
+constexpr auto kNormal = ISchedulableResource::SchedulePriority::Normal;
+
 /// What is tested: a part of the application that shows a text from the web.
 class Greeting {
 public:
-    Greeting(IRemoteResourceScheduler& scheduler, const std::string& folder) {
-        m_file.baseUrl = "https://example.org/";
+    Greeting(IRemoteResourceScheduler& scheduler, const std::string& folder,
+             const std::string& baseUrl) {
+        m_file.baseUrl = baseUrl;
         m_file.relativePath = "greeting.txt";
         m_file.localPath = m_file.downloadPath = folder + "/greeting.txt";
         m_file.tempPath = folder + "/greeting.txt.part";
         m_bundle.descriptors.insert(&m_file);
-        m_resource = scheduler.RegisterAutoSchedule(&m_bundle,
-                                                    ISchedulableResource::SchedulePriority::Normal);
+        m_resource = scheduler.RegisterAutoSchedule(&m_bundle, kNormal);
     }
 
     IRemoteResource& Resource() const { return *m_resource; }
@@ -77,11 +89,16 @@ protected:
     }
 
     // The init scheduler does not retry: a failure is the end, and no test waits for a second try.
-    std::unique_ptr<Greeting> MakeGreeting() {
-        return std::make_unique<Greeting>(*m_manager.GetInitScheduler(), m_folder);
+    Greeting* MakeGreeting() { return MakeGreeting(*m_manager.GetInitScheduler()); }
+    Greeting* MakeGreeting(IRemoteResourceScheduler& scheduler,
+                           const std::string& baseUrl = "https://example.org/") {
+        m_greeting = std::make_unique<Greeting>(scheduler, m_folder, baseUrl);
+        return m_greeting.get();
     }
 
     std::string m_folder;
+    // Outlives the schedulers, as its descriptor must.
+    std::unique_ptr<Greeting> m_greeting;
     const std::shared_ptr<ScriptedDownloader> m_downloader = std::make_shared<ScriptedDownloader>();
     ResourceDownloadManager m_manager;
 };
@@ -114,6 +131,44 @@ TEST_F(GreetingTest, ShowsHowFarItIs) {
     EXPECT_TRUE(observer.WaitForStatus(IRemoteResource::DownloadStatus::Available));
     EXPECT_EQ(greeting->Text(), "Hello!");
     greeting->Resource().UnregisterEventHandler(&observer);
+}
+
+TEST_F(GreetingTest, IsToldWhenTheEventLoopGetsToIt) {
+    m_downloader->On("greeting.txt", ScriptedDownload::Complete("Hello!"));
+    const auto checks = std::make_shared<ManualTaskQueue>();        // for the worker threads
+    const auto notifications = std::make_shared<ManualTaskQueue>(); // for the event loop
+    RemoteResourceScheduler scheduler(
+        m_downloader, checks, notifications, std::make_shared<PostProcessorStub>(),
+        std::make_shared<ValidatorStub>(), std::make_shared<EventTracerStub>(),
+        std::make_shared<DownloadRetrierStub>());
+    const auto greeting = MakeGreeting(scheduler);
+    RecordingEventHandler observer;
+    greeting->Resource().RegisterEventHandler(&observer, {});
+    EXPECT_EQ(checks->RunAll(), 1U);
+    EXPECT_EQ(greeting->Text(), "Hello!");
+    EXPECT_TRUE(observer.Notifications().empty()); // downloaded, and nobody knows yet
+    notifications->RunAll();
+    EXPECT_TRUE(observer.WaitForStatus(IRemoteResource::DownloadStatus::Available));
+    greeting->Resource().UnregisterEventHandler(&observer);
+}
+
+TEST_F(GreetingTest, ShowsNoErrorPage) {
+    ScriptedHttpServer server;
+    server.On("/greeting.txt", {Reply::Status(503), Reply::Ok("Hello!")});
+    ResourceDownloadManager::Dependencies services;
+    services.resourceDownloader = std::make_shared<ResourceDownloaderHttp>(
+        Halvex::Networking::createHttpClient(Halvex::Networking::HttpClientType::Native),
+        nullptr,  // no proxy
+        nullptr); // always online
+    ResourceDownloadManager manager;
+    manager.Init({}, services);
+    const auto greeting = MakeGreeting(*manager.GetInitScheduler(), server.Url("/"));
+    manager.ProcessCurrentQueue();
+    EXPECT_EQ(greeting->Text(), "(no greeting today)");
+    greeting->Resource().Schedule(kNormal);
+    manager.ProcessCurrentQueue();
+    EXPECT_EQ(greeting->Text(), "Hello!");
+    manager.Abort();
 }
 
 } // namespace
