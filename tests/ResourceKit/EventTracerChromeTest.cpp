@@ -609,16 +609,19 @@ TEST_F(EventTracerChromeTest, CostsLittle) {
         GTEST_SKIP() << "a sanitizer costs more";
     constexpr int kEvents = 20'000;
     const IRemoteResource::State state;
+    // Of all threads: the one that writes is part of the price.
     const auto seconds = [] {
         timespec time{};
-        ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+        ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &time);
         return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) * 1e-9;
     };
     const double before = seconds();
     for (int i = 0; i < kEvents; ++i)
         Tracer().Trace(Event::Check, {&m_descriptor, nullptr, &state, {}});
+    m_tracer.reset();
+    const double perEvent = (seconds() - before) / kEvents;
     // Less than a microsecond each, on a machine that may be five times slower.
-    EXPECT_LT((seconds() - before) / kEvents, 5e-6);
+    EXPECT_LT(perEvent, 5e-6);
     EXPECT_EQ(Events().size(), std::size_t{kEvents});
 }
 
