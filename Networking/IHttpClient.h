@@ -61,7 +61,8 @@ struct Response {
     /// 4: any other failure, HTTP statuses of 400 and above included.
     /// 8: the connection was lost, stalled or closed early.
     /// 15: cancelled by the query, or ended by the time-out.
-    /// 1001: nothing was sent, because the URL is invalid or the client cannot work here.
+    /// 1001: nothing was sent, because the URL is invalid or the client cannot work here; with the
+    /// Qt client also when somebody else ended the event loop that it ran.
     std::int32_t errorCode = 1001;
     /// What went wrong, for people; empty where nothing more is known.
     std::string errorText;

@@ -43,8 +43,8 @@ HALVEX_EXPORT bool FileExists(const ioPath& path);
 /// removed or when it cannot be told whether it is there. Never a folder. Never throws.
 HALVEX_EXPORT bool RemoveFile(const ioPath& path);
 
-/// Reads a whole file; the buffer gets exactly its size. False, with an ERROR line when it cannot
-/// be opened, if not all of it could be read. Never throws.
+/// Reads a whole file; the buffer gets exactly its size. False if not all of it could be read, with
+/// an ERROR line unless the file has only become shorter meanwhile. Never throws.
 HALVEX_EXPORT bool ReadWholeFileToBuffer(const ioPath& path, std::vector<std::uint8_t>& buffer);
 
 } // namespace Halvex::App

@@ -1,4 +1,5 @@
-"""Fails unless each piece of C++ in the README and the guides stands in the example that it is from.
+"""Fails unless each piece of C++ in the README and the guides stands in the example that it is from,
+and the README names every header that is installed.
 
 A piece follows a line that names the file: <!-- examples/quickstart/main.cpp -->. It may be any
 lines of it that follow each other, indented less than there.
@@ -34,4 +35,8 @@ for document in [readme, *sorted((root / "docs/guides").glob("*.md"))]:
 quickstart = root / "examples/quickstart/main.cpp"
 if quickstart.read_text() not in readme.read_text():
     faults.append(f"{readme}: does not show the whole of {quickstart}")
+installed = re.search(r"set\(HALVEX_PUBLIC_HEADERS\n(.*?)\)",
+                      (root / "cmake/HalvexInstall.cmake").read_text(), re.DOTALL)[1].split()
+faults += [f"{readme}: does not name {header}" for header in [*installed, "Foundation/Version.h"]
+           if not re.search(rf"[`/]{re.escape(pathlib.Path(header).name)}`", readme.read_text())]
 sys.exit("\n".join(faults) or None)
