@@ -208,9 +208,10 @@ struct HALVEX_HIDDEN EventTracerChrome::Impl {
 
     /// An event up to its arguments, the first of which is the thread.
     std::string Begin(const std::string& name, char phase) {
+        // Before the time is taken: a new thread may get the row of one that traced meanwhile.
+        const ThisThread& thread = CurrentThread();
         const std::int64_t nanoseconds =
             std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now() - start).count();
-        const ThisThread& thread = CurrentThread();
         NameRows(thread.row);
         std::string json;
         json.reserve(kCommonBytes);
