@@ -90,7 +90,10 @@ install(EXPORT HalvexTargets
   NAMESPACE Halvex::
   DESTINATION "${HALVEX_PACKAGE_DESTINATION}")
 
-# The kit needs more of those who use it, so its targets are a set of their own.
+# The kit needs more of those who use it, so its targets are a set of their own. Its libraries look
+# for the manager's beside them, wherever that is.
+set_target_properties(HalvexResourceKit HalvexResourceKitTesting PROPERTIES
+  INSTALL_RPATH "$ORIGIN")
 install(TARGETS HalvexResourceKit HalvexResourceKitTesting EXPORT HalvexKitTargets
   LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}")
 install(EXPORT HalvexKitTargets
