@@ -99,7 +99,7 @@ void AddOutputOptions(CLI::App& app, Options& options) {
                         "Bars, a line per file, or nothing (default: auto, bars on a terminal)");
     app.add_flag("--json", options.json, "Events as lines of JSON on standard output");
     app.add_flag("--trace", options.trace,
-                 "Log every scheduler event (lowers --log-level to info)");
+                 "Log every scheduler event (lowers --log-level to info unless that is none)");
     AddChoice<LogLevel>(app, "--log-level", options.logLevel,
                         {{"info", LogLevel::Info},
                          {"warning", LogLevel::Warning},

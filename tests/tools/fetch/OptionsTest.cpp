@@ -4,6 +4,7 @@
 
 #include <gmock/gmock.h>
 
+#include <regex>
 #include <sstream>
 
 namespace Halvex::Fetch {
@@ -11,6 +12,11 @@ namespace {
 
 using testing::ElementsAre;
 using testing::HasSubstr;
+
+/// With each run of blanks and line ends as one blank.
+std::string InOneLine(const std::string& text) {
+    return std::regex_replace(text, std::regex("\\s+"), " ");
+}
 
 class OptionsTest : public testing::Test {
 protected:
@@ -151,6 +157,12 @@ TEST_F(OptionsTest, PrintHelpAndVersion) {
     EXPECT_EQ(std::get<int>(Parse({"--version"})), AllAvailable);
     EXPECT_THAT(out.str(), testing::MatchesRegex("halvex-fetch [0-9]+\\.[0-9]+\\.[0-9]+\n"));
     EXPECT_EQ(err.str(), "");
+}
+
+TEST_F(OptionsTest, SayThatATraceNeedsALog) {
+    Parse({"--help"});
+    EXPECT_THAT(InOneLine(out.str()),
+                HasSubstr("(lowers --log-level to info unless that is none)"));
 }
 
 } // namespace
