@@ -50,7 +50,7 @@ public:
 
     /// Called once for each file.
     virtual void OnFileEnded(const FileResult& result) = 0;
-    /// Called ten times a second, if WantsProgress, and before the summary.
+    /// Called at most ten times in any second, if WantsProgress, and before the summary.
     virtual void OnProgress(const std::vector<BundleProgress>& bundles) = 0;
     virtual bool WantsProgress() const = 0;
     /// Called once, last.

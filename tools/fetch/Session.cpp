@@ -24,7 +24,8 @@ using App::IRemoteResource;
 using Clock = std::chrono::steady_clock;
 using Status = IRemoteResource::DownloadStatus;
 
-constexpr std::chrono::milliseconds kProgressInterval(100);
+/// At most nine in any second, and the last one, which waits for none, makes ten.
+constexpr std::chrono::milliseconds kProgressInterval(125);
 /// Files that end within it are reported together.
 constexpr std::chrono::milliseconds kReportInterval(10);
 /// What a transfer gets to notice that it is to end. A client that waits for a silent server may
