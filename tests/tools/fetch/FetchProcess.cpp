@@ -85,7 +85,9 @@ FetchProcess::Result FetchProcess::Wait() {
     Result result;
     if (EndsWithinTheLimit(m_process)) {
         int status = 0;
-        ::waitpid(std::exchange(m_process, -1), &status, 0);
+        rusage usage{};
+        ::wait4(std::exchange(m_process, -1), &status, 0, &usage);
+        result.peakBytes = std::int64_t{usage.ru_maxrss} * 1024;
         result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
     }
     result.time = std::chrono::steady_clock::now() - begin;

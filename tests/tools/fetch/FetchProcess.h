@@ -3,6 +3,7 @@
 #include "support/TemporaryFolder.h"
 
 #include <chrono>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
@@ -32,6 +33,8 @@ public:
         std::string out;
         std::string err;
         std::chrono::steady_clock::duration time{};
+        /// The most memory it has had at a time, but no less than the test had at its start.
+        std::int64_t peakBytes = 0;
     };
 
     explicit FetchProcess(const Setup& setup);
