@@ -413,7 +413,8 @@ protected:
         Application::Params params;
         params.useParallelExecutor = isParallel;
         params.threadCount = kThreads;
-        Application application(params);
+        // In memory: a disk that others write to makes each new file wait.
+        Application application(params, "/dev/shm");
         std::set<const ResourceDescriptor*> fronts;
         const std::size_t frontSize = isParallel ? kThreads : 1;
         while (fronts.size() < frontSize)
