@@ -12,6 +12,7 @@
 #include <QtCore/QEventLoop>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <cstdlib>
@@ -43,16 +44,13 @@ Answer WaitForAll(const Resources& resources, ResourceWatch::Deadline deadline) 
 /// Runs the event loop, which keeps a window alive, until there is an answer for each.
 void RunUntilAnswered(const Resources& resources, ResourceWatch::Deadline deadline) {
     QEventLoop loop;
-    std::size_t waitedFor = resources.size();
+    std::atomic<std::size_t> waitedFor{resources.size()};
     std::deque<ResourceWatch> watches;
     for (IRemoteResource* resource : resources) {
-        // The function is called on a thread of the watch: a window's own work goes to this one.
+        // The function is called on a thread of the watch: what it wants done here is queued.
         watches.emplace_back(resource, deadline, ResourceWatch::Errors::MayPass, [&](Answer) {
-            const auto onThisThread = [&] {
-                if (--waitedFor == 0)
-                    loop.quit();
-            };
-            QMetaObject::invokeMethod(&loop, onThisThread, Qt::QueuedConnection);
+            if (--waitedFor == 0)
+                QMetaObject::invokeMethod(&loop, "quit", Qt::QueuedConnection);
         });
     }
     if (!resources.empty())
