@@ -33,10 +33,6 @@ public:
     explicit Application(const Params& params, const Dependencies& dependencies = {}) {
         manager.Init(params, dependencies);
     }
-    /// With its folder in another one than that for temporary files.
-    Application(const Params& params, const std::string& parent) : folder(parent) {
-        manager.Init(params, {});
-    }
     ~Application() { manager.Abort(); }
 
     /// A file that counts when it is there. In the folder it lies under its own name, whatever

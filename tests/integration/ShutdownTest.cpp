@@ -413,8 +413,7 @@ protected:
         Application::Params params;
         params.useParallelExecutor = isParallel;
         params.threadCount = kThreads;
-        // In memory: a disk that others write to makes each new file wait.
-        Application application(params, "/dev/shm");
+        Application application(params);
         std::set<const ResourceDescriptor*> fronts;
         const std::size_t frontSize = isParallel ? kThreads : 1;
         while (fronts.size() < frontSize)
