@@ -33,7 +33,8 @@ namespace Halvex::Kit {
 /// behind that 64 MiB wait to be written, events are left out until it has caught up, and a mark
 /// says how many.
 ///
-/// Thread-safe. An event costs less than a microsecond on average.
+/// Thread-safe. An event costs less than a microsecond on average; threads that trace at the same
+/// moment wait for each other, and it costs them more.
 class HALVEX_EXPORT EventTracerChrome : public App::IEventTracer {
 public:
     /// Replaces a file that is there.
