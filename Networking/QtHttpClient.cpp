@@ -9,6 +9,7 @@
 #include <QtCore/QTimer>
 #include <QtCore/QUrl>
 #include <QtNetwork/QNetworkAccessManager>
+#include <QtNetwork/QNetworkCookie>
 #include <QtNetwork/QNetworkReply>
 #include <QtNetwork/QNetworkRequest>
 #include <QtNetwork/QNetworkSession>
@@ -177,11 +178,14 @@ private:
     std::exception_ptr m_exception;
 };
 
-/// Before several threads make Qt do it at once, which it then complains of.
+/// The types that Qt can convert into others, before several threads make it register that at once,
+/// which it then complains of.
 void RegisterMetaTypesOnce() {
     QT_WARNING_PUSH
     QT_WARNING_DISABLE_DEPRECATED
     static const std::array types{qRegisterMetaType<QList<QSslError>>(),
+                                  qRegisterMetaType<QList<QNetworkCookie>>(),
+                                  qRegisterMetaType<QList<QNetworkReply::RawHeaderPair>>(),
                                   qRegisterMetaType<QSharedPointer<QNetworkSession>>()};
     QT_WARNING_POP
     Q_UNUSED(types)
