@@ -59,11 +59,11 @@ std::uint64_t ActiveState::ErrorCount() const {
     return m_errors;
 }
 
-bool ActiveState::SetAvailable(std::uint64_t errorCount, const std::function<bool()>& isStillSo) {
+bool ActiveState::SetAvailable(std::uint64_t errorCount) {
     Deliveries due;
     {
         const MutexLock lock(m_mutex);
-        if (m_errors != errorCount && !isStillSo())
+        if (m_errors != errorCount)
             return false;
         ChangeLocked({Status::Available, Error::NoError, 1.0}, due);
     }

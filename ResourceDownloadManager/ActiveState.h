@@ -50,11 +50,9 @@ public:
     void SetError(IRemoteResource::DownloadError error) EXCLUDES(m_mutex);
     /// How often SetError has been called so far.
     std::uint64_t ErrorCount() const EXCLUDES(m_mutex);
-    /// SetAvailable, for something found out when SetError had been called so often. If it has been
-    /// called again since, isStillSo is asked, under the lock; false: it is not, and nothing
-    /// changed.
-    bool SetAvailable(std::uint64_t errorCount, const std::function<bool()>& isStillSo)
-        EXCLUDES(m_mutex);
+    /// SetAvailable, for something found out when SetError had been called so often. False: it has
+    /// been called again since, and nothing changed.
+    bool SetAvailable(std::uint64_t errorCount) EXCLUDES(m_mutex);
     /// The progress of 0 of 0 is not a number.
     void SetProgress(std::uint64_t done, std::uint64_t total) EXCLUDES(m_mutex);
 

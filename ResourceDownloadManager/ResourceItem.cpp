@@ -9,7 +9,6 @@
 #include "ResourceDownloadManager/IValidator.h"
 #include "ResourceDownloadManager/ResourceDescriptor.h"
 
-#include <algorithm>
 #include <utility>
 
 namespace Halvex::App {
@@ -57,8 +56,8 @@ void ResourceItem::ScheduleIfNeeded(SchedulePriority priority) {
 
 void ResourceItem::ScheduleUncheckedLocked(SchedulePriority priority) {
     const std::uint64_t errorCount = m_state.ErrorCount();
-    if (m_descriptor->checkOnSchedule == 1 && FileExists(m_descriptor->localPath)) {
-        const bool isAvailable = SetAvailable(errorCount, {&m_descriptor->localPath});
+    if (m_descriptor->checkOnSchedule == 1 && IsPresent()) {
+        const bool isAvailable = SetAvailable(errorCount, &ResourceItem::IsPresent);
         if (isAvailable && m_descriptor->validationMode == kExistenceSuffices)
             return;
     }
@@ -68,21 +67,22 @@ void ResourceItem::ScheduleUncheckedLocked(SchedulePriority priority) {
     m_services.checkQueue->AddTask([this] { Check(); }, ToQueuePriority(priority));
 }
 
-/// Two checks may run at once, and the download of one removes the file that the other has found or
-/// fetched. If it fails, its error must not be overwritten by what was true before.
-bool ResourceItem::SetAvailable(std::uint64_t errorCount,
-                                std::initializer_list<const ioPath*> places) {
-    return m_state.SetAvailable(errorCount, [places] {
-        return std::any_of(places.begin(), places.end(),
-                           [](const ioPath* path) { return FileExists(*path); });
-    });
+/// Two checks may run at once, and the download of one removes or replaces the file that the other
+/// has found or fetched. If it fails, its error must not be overwritten by what was true before.
+bool ResourceItem::SetAvailable(std::uint64_t errorCount, bool (ResourceItem::*isSo)() const) {
+    while (!m_state.SetAvailable(errorCount)) {
+        errorCount = m_state.ErrorCount();
+        if (!(this->*isSo)())
+            return false;
+    }
+    return true;
 }
 
 void ResourceItem::Check() {
     Trace(Event::Check);
     const std::uint64_t errorCount = m_state.ErrorCount();
     if (IsAlreadyAvailable())
-        SetAvailable(errorCount, {&m_descriptor->localPath});
+        SetAvailable(errorCount, &ResourceItem::IsAcceptable);
     else
         StartDownload();
     m_firstCheck = false;
@@ -95,10 +95,28 @@ bool ResourceItem::IsAlreadyAvailable() {
     // What has been checked once is trusted without touching the disk again.
     if (!m_firstCheck && m_state.GetState().status == IRemoteResource::DownloadStatus::Available)
         return true;
-    if (!FileExists(m_descriptor->localPath))
-        return false;
-    return m_descriptor->validationMode == kExistenceSuffices ||
-           m_services.validator->Validate(m_descriptor) != kRejected;
+    return IsAcceptable();
+}
+
+bool ResourceItem::IsPresent() const {
+    return FileExists(m_descriptor->localPath);
+}
+
+bool ResourceItem::IsAcceptable() const {
+    return IsPresent() && (m_descriptor->validationMode == kExistenceSuffices || IsValid());
+}
+
+/// What was fetched may have been made into what is at the local path, or be waiting for that.
+bool ResourceItem::IsThere() const {
+    return IsPresent() || FileExists(m_descriptor->downloadPath);
+}
+
+bool ResourceItem::IsFetched() const {
+    return IsThere() && (m_descriptor->validationMode != kValidate || IsValid());
+}
+
+bool ResourceItem::IsValid() const {
+    return m_services.validator->Validate(m_descriptor) != kRejected;
 }
 
 void ResourceItem::StartDownload() {
@@ -134,17 +152,15 @@ DownloadError ResourceItem::Download() {
     const DownloadError outcome = JudgeDownload();
     if (outcome != DownloadError::NoError)
         return outcome;
-    // What was fetched may have been made into what is at the local path, or be waiting for that.
-    const bool isThere =
-        SetAvailable(errorCount, {&m_descriptor->localPath, &m_descriptor->downloadPath});
-    return isThere ? DownloadError::NoError : DownloadError::GeneralError;
+    if (SetAvailable(errorCount, &ResourceItem::IsFetched))
+        return DownloadError::NoError;
+    return IsThere() ? DownloadError::Corrupted : DownloadError::GeneralError;
 }
 
-DownloadError ResourceItem::JudgeDownload() {
+DownloadError ResourceItem::JudgeDownload() const {
     if (m_descriptor->postProcess != 0 && m_services.postProcessor->Process(m_descriptor) != 0)
         return DownloadError::Corrupted;
-    if (m_descriptor->validationMode == kValidate &&
-        m_services.validator->Validate(m_descriptor) == kRejected)
+    if (m_descriptor->validationMode == kValidate && !IsValid())
         return DownloadError::Corrupted;
     return DownloadError::NoError;
 }

@@ -8,7 +8,6 @@
 
 #include <atomic>
 #include <cstdint>
-#include <initializer_list>
 #include <memory>
 
 namespace Halvex::App {
@@ -57,14 +56,19 @@ public:
 
 private:
     void ScheduleUncheckedLocked(SchedulePriority priority) REQUIRES(m_mutex);
-    /// False: there have been errors since so many were counted, and there is a file in none of
-    /// these places.
-    bool SetAvailable(std::uint64_t errorCount, std::initializer_list<const ioPath*> places);
+    /// Makes the item available, as was found when so many errors had been counted. If there have
+    /// been more since, it is looked at again; false: it is not so any more.
+    bool SetAvailable(std::uint64_t errorCount, bool (ResourceItem::*isSo)() const);
     void Check();
     bool IsAlreadyAvailable();
+    bool IsPresent() const;
+    bool IsAcceptable() const;
+    bool IsThere() const;
+    bool IsFetched() const;
+    bool IsValid() const;
     void StartDownload();
     IRemoteResource::DownloadError Download();
-    IRemoteResource::DownloadError JudgeDownload();
+    IRemoteResource::DownloadError JudgeDownload() const;
     void Trace(IEventTracer::Event event);
 
     ActiveState m_state;

@@ -905,7 +905,19 @@ protected:
         EXPECT_EQ(validations, 2);
     }
 
+    /// The validator accepts the first file that it sees, and another check runs meanwhile.
+    void AcceptOnceWhileAnotherChecks() {
+        descriptor.validationMode = 1;
+        fakes.validator->onValidate = [this](const ResourceDescriptor*) {
+            if (++m_validations > 1)
+                return 1;
+            CheckElsewhere();
+            return 0;
+        };
+    }
+
     std::atomic<int> m_downloads{0};
+    std::atomic<int> m_validations{0};
 };
 
 TEST_F(ResourceItemOvertakenTest, IsNotAvailableWithoutTheFileThatAnotherDownloadHasRemoved) {
@@ -954,6 +966,47 @@ TEST_F(ResourceItemOvertakenTest, IsNotAvailableByAFoundFileWhenOnlyWhatItIsMade
 TEST_F(ResourceItemOvertakenTest, IsNotAvailableByAFoundFileThatADownloadHasRemoved) {
     CheckAFileThatAnotherCheckRejects();
     EXPECT_EQ(State(), "Error InternetConnectionLost 0");
+}
+
+TEST_F(ResourceItemOvertakenTest, IsNotAvailableByAFoundFileThatARejectedOneHasReplaced) {
+    folder.Write("file", "content");
+    AcceptOnceWhileAnotherChecks();
+    Check();
+    EXPECT_EQ(m_validations, 4);
+    EXPECT_EQ(State(), "Error Corrupted 0");
+}
+
+TEST_F(ResourceItemOvertakenTest, IsNotAvailableWithAFetchedFileThatARejectedOneHasReplaced) {
+    fakes.downloader->onExec = [this](const DownloadTask&) {
+        return Succeed();
+    };
+    AcceptOnceWhileAnotherChecks();
+    Check();
+    EXPECT_EQ(m_validations, 4);
+    EXPECT_EQ(State(), "Error Corrupted 0");
+}
+
+TEST_F(ResourceItemOvertakenTest, LooksAtItsFileAgainAsOftenAsItIsOvertaken) {
+    folder.Write("file", "content");
+    fakes.downloader->onExec = [](const DownloadTask&) {
+        return Status::NetworkFailure;
+    };
+    fakes.validator->onValidate = [this](const ResourceDescriptor*) {
+        switch (++m_validations) {
+        case 1:
+        case 3:
+            CheckElsewhere();
+            return 0;
+        case 5:
+            return 0;
+        default:
+            return 1;
+        }
+    };
+    descriptor.validationMode = 1;
+    Check();
+    EXPECT_EQ(m_validations, 5);
+    EXPECT_EQ(State(), "Available NoError 1");
 }
 
 } // namespace
