@@ -87,18 +87,24 @@ void ActiveState::SetProgress(std::uint64_t done, std::uint64_t total) {
 }
 
 void ActiveState::AddParent(ActiveState& parent) {
-    State* entry = parent.AddChild();
+    const std::size_t child = parent.AddChild();
     const MutexLock lock(m_mutex);
-    m_parents.push_back({&parent, entry});
+    m_parents.push_back({&parent, child});
 }
 
-ActiveState::State* ActiveState::AddChild() {
+std::size_t ActiveState::AddChild() {
     const MutexLock lock(m_mutex);
     if (!m_children)
         m_children = std::make_unique<Children>();
-    State& entry = m_children->states.emplace_back();
-    m_children->aggregate.Add(entry);
-    return &entry;
+    auto& [states, aggregate] = *m_children;
+    if (!aggregate && !states.empty()) {
+        aggregate = std::make_unique<AggregateState>();
+        aggregate->Add(states.front());
+    }
+    states.emplace_back();
+    if (aggregate)
+        aggregate->Add(states.back());
+    return states.size() - 1;
 }
 
 void ActiveState::AddHandler(IRemoteResourceEventHandler* handler, Callback callback,
@@ -153,7 +159,7 @@ void ActiveState::CheckAllNotificationsLocked(Deliveries& due) {
     for (const ParentLink& link : m_parents) {
         ActiveState& parent = *link.parent;
         const MutexLock lock(parent.m_mutex);
-        parent.UpdateChildLocked(*link.entry, m_state);
+        parent.UpdateChildLocked(link.child, m_state);
         parent.CheckAllNotificationsLocked(due);
     }
 }
@@ -178,11 +184,15 @@ bool ActiveState::IsRepeatDueLocked(const HandlerEntry& entry) const {
            !(m_state.progress - entry.lastNotified->progress < entry.params.progressStep);
 }
 
-void ActiveState::UpdateChildLocked(State& entry, const State& state) {
-    m_children->aggregate.Remove(entry);
-    entry = state;
-    m_children->aggregate.Add(entry);
-    m_state = m_children->states.size() == 1 ? entry : m_children->aggregate.Result();
+void ActiveState::UpdateChildLocked(std::size_t child, const State& state) {
+    auto& [states, aggregate] = *m_children;
+    if (!aggregate) {
+        m_state = states[child] = state;
+        return;
+    }
+    aggregate->Remove(states[child]);
+    aggregate->Add(states[child] = state);
+    m_state = aggregate->Result();
 }
 
 void ActiveState::Post(Deliveries due) {

@@ -10,8 +10,8 @@
 #include <boost/container/flat_map.hpp>
 #include <boost/container/small_vector.hpp>
 
+#include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -92,14 +92,15 @@ private:
 
     struct Children {
         /// The last state that each of them has reported, in the order of linking.
-        std::deque<State> states;
-        AggregateState aggregate;
+        std::vector<State> states;
+        /// Null: there is only one, whose state is the aggregate.
+        std::unique_ptr<AggregateState> aggregate;
     };
 
     struct ParentLink {
         ActiveState* parent;
-        /// This state's entry among the parent's children, guarded by the parent's mutex.
-        State* entry;
+        /// Which of the parent's children this state is.
+        std::size_t child;
     };
 
     /// Null: there has been no observer yet.
@@ -110,8 +111,8 @@ private:
     void CheckAllNotificationsLocked(Deliveries& due) REQUIRES(m_mutex);
     void CheckOwnNotificationsLocked(Deliveries& due) REQUIRES(m_mutex);
     bool IsRepeatDueLocked(const HandlerEntry& entry) const REQUIRES(m_mutex);
-    State* AddChild() EXCLUDES(m_mutex);
-    void UpdateChildLocked(State& entry, const State& state) REQUIRES(m_mutex);
+    std::size_t AddChild() EXCLUDES(m_mutex);
+    void UpdateChildLocked(std::size_t child, const State& state) REQUIRES(m_mutex);
     void Post(Deliveries due);
     void Deliver(const Delivery& delivery) EXCLUDES(m_mutex);
 

@@ -664,6 +664,13 @@ TEST_F(ActiveStateFamily, AChildNotYetHeardOfCountsAsWaiting) {
     EXPECT_EQ(Describe(state.GetState()), "Available NoError 1");
 }
 
+TEST_F(ActiveStateFamily, TheStateOfAnOnlyChildCountsWhenASecondComes) {
+    one.SetAvailable();
+    Link(one, state);
+    Link(other, state);
+    EXPECT_EQ(Describe(state.GetState()), "Dowloading NoError 0.5");
+}
+
 TEST_F(ActiveStateFamily, TwoChildrenAreAggregated) {
     Link(one, state);
     Link(other, state);
