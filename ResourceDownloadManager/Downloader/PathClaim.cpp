@@ -48,25 +48,36 @@ ClaimedPaths& Claimed() {
     return paths;
 }
 
+std::string NameOf(const std::string& path) {
+    return path.substr(path.rfind('/') + 1);
+}
+
+/// Empty: there is no such folder.
+std::string KeyByFolder(const std::string& path) {
+    const std::size_t slash = path.rfind('/');
+    const std::string folder = slash == std::string::npos ? "." : path.substr(0, slash + 1);
+    struct stat status {};
+    if (::stat(folder.c_str(), &status) != 0)
+        return {};
+    return std::to_string(status.st_dev) + ':' + std::to_string(status.st_ino) + '/' + NameOf(path);
+}
+
 /// The same text for different spellings of one path, ways through linked folders included. The
 /// file itself may be a link that somebody has planted: it is replaced, not followed.
-std::string KeyOf(const ioPath& path) {
-    const std::filesystem::path spelled(path.string());
-    const std::filesystem::path normal = spelled.lexically_normal();
+std::string KeyOf(const std::string& path) {
     // As it stands first: behind a link, ".." is not what it seems.
-    for (const std::filesystem::path& way : {spelled, normal}) {
-        const std::string folder = way.has_parent_path() ? way.parent_path().string() : ".";
-        struct stat status {};
-        if (::stat(folder.c_str(), &status) == 0)
-            return std::to_string(status.st_dev) + ':' + std::to_string(status.st_ino) + '/' +
-                   way.filename().string();
-    }
-    return normal.string();
+    std::string key = KeyByFolder(path);
+    if (!key.empty())
+        return key;
+    const std::string normal = std::filesystem::path(path).lexically_normal().string();
+    key = KeyByFolder(normal);
+    return key.empty() ? normal : key;
 }
 
 } // namespace
 
-PathClaim::PathClaim(const ioPath& path, const std::function<bool()>& giveUp) : m_key(KeyOf(path)) {
+PathClaim::PathClaim(const ioPath& path, const std::function<bool()>& giveUp)
+    : m_key(KeyOf(path.string())) {
     m_held = Claimed().Take(m_key, std::chrono::steady_clock::now());
     while (!m_held && !giveUp())
         m_held = Claimed().Take(m_key, std::chrono::steady_clock::now() + kGiveUpQueryInterval);
@@ -74,10 +85,10 @@ PathClaim::PathClaim(const ioPath& path, const std::function<bool()>& giveUp) : 
 
 bool PathClaim::IsOn(const ioPath& path) const {
     // Another name is another path, wherever it is; that saves a look at the disk.
-    const std::string name = std::filesystem::path(path.string()).filename().string();
+    const std::string name = NameOf(path.string());
     const bool mayBe = m_key.size() >= name.size() &&
                        m_key.compare(m_key.size() - name.size(), name.size(), name) == 0;
-    return mayBe && KeyOf(path) == m_key;
+    return mayBe && KeyOf(path.string()) == m_key;
 }
 
 PathClaim::~PathClaim() {
