@@ -27,7 +27,7 @@ void AddUrl(ManifestBuilder& builder, std::size_t place, const std::string& url,
         return;
     }
     if (name.empty()) {
-        builder.Refuse(place, Quoted(url) + " does not end in a file's name");
+        builder.Refuse(place, Quoted(url) + " has no name for its file");
         return;
     }
     ManifestBuilder::File file;

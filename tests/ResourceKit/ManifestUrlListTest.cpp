@@ -45,10 +45,10 @@ TEST(UrlList, ListsEveryMistakeWithItsLine) {
                      "http://h/c\t\nhttp://h/d\te\tf\n")
                     .mistakes,
                 ElementsAre("l:1: \"no\" is no http or https address",
-                            "l:4: \"http://h/\" does not end in a file's name",
+                            "l:4: \"http://h/\" has no name for its file",
                             "l:5: path \"../x\" leads out of the output folder",
                             "l:6: path \"a\" is asked for already, at l:3",
-                            "l:7: \"http://h/c\" does not end in a file's name",
+                            "l:7: \"http://h/c\" has no name for its file",
                             "l:8: path \"e\\tf\" has a control character"));
 }
 
