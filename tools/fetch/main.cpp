@@ -5,6 +5,7 @@
 #include "ExitStatus.h"
 #include "LineReports.h"
 #include "Log.h"
+#include "OpenFiles.h"
 #include "Options.h"
 #include "ResourceKit/Manifest.h"
 #include "Session.h"
@@ -124,6 +125,16 @@ void ChooseChecks(Manifest& manifest, bool force) {
     }
 }
 
+/// As many files at a time as may be open.
+Options Fitted(Options options) {
+    const std::size_t wanted = options.threads;
+    options.threads = MakeRoomForDownloads(wanted);
+    if (options.threads < wanted)
+        LOG(WARNING) << options.threads << " files at a time, not " << wanted
+                     << ": the system allows no more open files";
+    return options;
+}
+
 int Fetch(const Options& options, const Manifest& manifest) {
     // Before the first thread: all threads inherit that signals do not interrupt them.
     Signals signals;
@@ -144,7 +155,7 @@ int Fetch(const Options& options, const Manifest& manifest) {
         reports.push_back(progress.get());
     if (options.json)
         reports.push_back(&events);
-    return Session(options, manifest, signals, reports).Run();
+    return Session(Fitted(options), manifest, signals, reports).Run();
 }
 
 /// Says what is wrong, and answers the exit status.

@@ -25,14 +25,12 @@ int Open(const ioPath& path, int flags) {
 }
 
 /// Becomes the program. Between fork and here only calls that are safe in a copy of one thread.
-[[noreturn]] void Become(char* const* arguments, const int (&streams)[3], rlim_t openFiles) {
+[[noreturn]] void Become(char* const* arguments, const int (&streams)[3], const rlimit* openFiles) {
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
     for (int i = 0; i < 3; ++i)
         ::dup2(streams[i], i);
-    if (openFiles != 0) {
-        const rlimit limit{openFiles, openFiles};
-        ::setrlimit(RLIMIT_NOFILE, &limit);
-    }
+    if (openFiles != nullptr)
+        ::setrlimit(RLIMIT_NOFILE, openFiles);
     ::execv(arguments[0], arguments);
     ::_exit(127);
 }
@@ -62,7 +60,7 @@ FetchProcess::FetchProcess(const Setup& setup) {
     const int streams[] = {in, out, err};
     m_process = ::fork();
     if (m_process == 0)
-        Become(arguments.data(), streams, setup.openFiles);
+        Become(arguments.data(), streams, setup.openFiles ? &*setup.openFiles : nullptr);
     for (const int stream : streams)
         ::close(stream);
     if (m_process < 0)

@@ -21,8 +21,8 @@ public:
         std::vector<std::string> arguments;
         /// What it reads from standard input.
         std::string input;
-        /// How many files it may have open at a time; 0: as many as the test.
-        rlim_t openFiles = 0;
+        /// How many files it may have open at a time, and may allow itself; nothing: as the test.
+        std::optional<rlimit> openFiles;
         /// Where both outputs go instead of to files; it is closed in this process.
         std::optional<int> terminal;
     };

@@ -22,6 +22,8 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::MatchesRegex;
+using testing::Not;
+using testing::SizeIs;
 
 constexpr std::chrono::seconds kPromptly(5);
 
@@ -333,7 +335,7 @@ TEST_F(HalvexFetchFromNginx, FetchesTwoThousandFilesWithFewOpenFilesLittleMemory
     FetchProcess::Setup setup;
     setup.arguments = IntoOutput({"--json", "--progress", "plain", "-i", "-"});
     setup.input = list;
-    setup.openFiles = 64;
+    setup.openFiles = rlimit{64, 64};
     const auto result = FetchProcess(setup).Wait();
     EXPECT_EQ(result.status, 0) << result.err;
     EXPECT_EQ(LinesOf(result.out).size(), kFiles + 1);
@@ -465,6 +467,48 @@ TEST_F(HalvexFetch, GivesUpWhatTheSourceFolderDoesNotHave) {
         Run({"--source", site.Path(), WriteManifest("http://h", {Bundle("one", {File("a")})})});
     EXPECT_EQ(result.status, 1);
     EXPECT_THAT(result.err, HasSubstr("halvex-fetch: a failed: GeneralError\n"));
+}
+
+/// Many files at a time, with an HTTP client. May have 64 files open.
+class HalvexFetchOfManyAtOnce : public HalvexFetch,
+                                public testing::WithParamInterface<const char*> {
+protected:
+    static constexpr std::size_t kFiles = 60;
+
+    /// The limit that it may raise its own to.
+    FetchProcess::Setup WithOpenFiles(rlim_t most) const {
+        FetchProcess::Setup setup;
+        setup.arguments = IntoOutput({"--client", GetParam(), "-j", std::to_string(kFiles),
+                                      "--progress", "none", "-i", "-"});
+        for (std::size_t i = 0; i < kFiles; ++i)
+            setup.input += server.Url("/a") + '\t' + std::to_string(i) + '\n';
+        setup.openFiles = rlimit{64, most};
+        return setup;
+    }
+
+    ScriptedHttpServer server;
+};
+
+INSTANTIATE_TEST_SUITE_P(Clients, HalvexFetchOfManyAtOnce, testing::Values("native", "qt"),
+                         [](const auto& client) { return std::string(client.param); });
+
+TEST_P(HalvexFetchOfManyAtOnce, OpensAsManyFilesAsThatTakes) {
+    server.On("/a", Reply::Generated(1'000'000).StallAt(500'000));
+    FetchProcess process(WithOpenFiles(1024));
+    EXPECT_TRUE(server.WaitForRequests("/a", kFiles));
+    process.Signal(SIGINT);
+    const auto result = process.Wait();
+    EXPECT_EQ(result.status, 130);
+    EXPECT_THAT(result.err, Not(HasSubstr("errno=")));
+    EXPECT_THAT(OutputFiles(), IsEmpty());
+}
+
+TEST_P(HalvexFetchOfManyAtOnce, TakesFewerWhereThoseMayNotBeOpen) {
+    server.On("/a", Reply::Generated(1'000).Drip(100, std::chrono::milliseconds(10)));
+    const auto result = FetchProcess(WithOpenFiles(64)).Wait();
+    EXPECT_EQ(result.status, 0);
+    EXPECT_THAT(LinesOf(result.err), ElementsAre(HasSubstr("10 files at a time, not 60: ")));
+    EXPECT_THAT(OutputFiles(), SizeIs(kFiles));
 }
 
 /// In the middle of a transfer that would take hours, and stopped by a signal.
