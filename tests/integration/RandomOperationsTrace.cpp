@@ -76,13 +76,18 @@ public:
     }
 
     std::size_t Retries() const { return m_retries; }
+    std::size_t Denied() const { return m_denied; }
 
 private:
+    static std::size_t LimitAfter(Error error) {
+        return error == Error::InternetConnectionLost ? 20 : 1;
+    }
+
     /// The policy may have counted downloads that were under way at once in any order; then they
     /// are allowed what the most generous order does.
     void CountTogether() {
         if (m_together == 1 && !m_success)
-            m_retries += m_failures < (m_errors[0] == Error::InternetConnectionLost ? 20U : 1U);
+            ++(m_failures < LimitAfter(m_errors[0]) ? m_retries : m_denied);
         else
             m_retries += m_errors.size();
         m_failures = m_success ? 0 : m_failures + m_errors.size();
@@ -92,6 +97,8 @@ private:
     }
 
     std::size_t m_retries = 0;
+    /// Failures that surely earned none.
+    std::size_t m_denied = 0;
     /// Since the last success.
     std::size_t m_failures = 0;
     std::size_t m_underWay = 0;
@@ -131,6 +138,11 @@ public:
     void EndDownload(Error outcome) {
         m_outcome = outcome;
         m_allowance.End(outcome);
+        if (outcome == Error::NoError)
+            return;
+        ++m_history.failures[outcome];
+        m_history.unretriedFailures =
+            m_isRetried ? m_allowance.Denied() : m_history.unretriedFailures + 1;
     }
 
     void EndCheck(const State& state) {
@@ -145,6 +157,7 @@ public:
         EXPECT_EQ(state.status, m_outcome == Error::NoError ? Status::Available : Status::Error)
             << Name();
         EXPECT_EQ(state.error, m_outcome) << Name();
+        ++m_history.outcomes;
     }
 
     const History& Result() const { return m_history; }
@@ -171,6 +184,44 @@ TraceRecorder::Records Merged(const std::vector<TraceRecorder::Records>& byThrea
     std::sort(all.begin(), all.end(),
               [](const Record& left, const Record& right) { return left.number < right.number; });
     return all;
+}
+
+std::size_t& CountOf(Event begun, StepsEnded& steps) {
+    switch (begun) {
+    case Event::Check:
+        return steps.checks;
+    case Event::Download:
+        return steps.downloads;
+    case Event::StatusNotification:
+        return steps.statusNotifications;
+    default:
+        return steps.progressNotifications;
+    }
+}
+
+/// Of one thread.
+void ExpectEndsFitBeginnings(const TraceRecorder::Records& records, StepsEnded& ended) {
+    std::vector<const Record*> open;
+    for (const Record& record : records) {
+        const Event begun = Begun(record.event);
+        if (record.event == Event::CheckScheduled)
+            continue;
+        if (begun == record.event) {
+            open.push_back(&record);
+            continue;
+        }
+        ASSERT_FALSE(open.empty());
+        const Record& begin = *open.back();
+        open.pop_back();
+        ASSERT_EQ(begin.event, begun);
+        ASSERT_EQ(begin.descriptor, record.descriptor);
+        ASSERT_EQ(begin.bundle, record.bundle);
+        if (begun == Event::Download) {
+            ASSERT_EQ(begin.text, Parse(record.text).first);
+        }
+        ++CountOf(begun, ended);
+    }
+    EXPECT_TRUE(open.empty());
 }
 
 } // namespace
@@ -240,29 +291,11 @@ bool TraceRecorder::Quiet::Lasts() const {
     return m_wasQuiet && m_downloads.begun == m_begunBefore;
 }
 
-void ExpectEndsFitBeginnings(const std::vector<TraceRecorder::Records>& byThread) {
-    for (const TraceRecorder::Records& records : byThread) {
-        std::vector<const Record*> open;
-        for (const Record& record : records) {
-            const Event begun = Begun(record.event);
-            if (record.event == Event::CheckScheduled)
-                continue;
-            if (begun == record.event) {
-                open.push_back(&record);
-                continue;
-            }
-            ASSERT_FALSE(open.empty());
-            const Record& begin = *open.back();
-            open.pop_back();
-            ASSERT_EQ(begin.event, begun);
-            ASSERT_EQ(begin.descriptor, record.descriptor);
-            ASSERT_EQ(begin.bundle, record.bundle);
-            if (begun == Event::Download) {
-                ASSERT_EQ(begin.text, Parse(record.text).first);
-            }
-        }
-        EXPECT_TRUE(open.empty());
-    }
+StepsEnded ExpectEndsFitBeginnings(const std::vector<TraceRecorder::Records>& byThread) {
+    StepsEnded ended;
+    for (const TraceRecorder::Records& records : byThread)
+        ExpectEndsFitBeginnings(records, ended);
+    return ended;
 }
 
 std::map<const ResourceDescriptor*, History>

@@ -94,18 +94,37 @@ private:
 
 /// What happened to one descriptor in all.
 struct History {
+    std::size_t FailuresOf(App::IRemoteResource::DownloadError error) const {
+        const auto found = failures.find(error);
+        return found != failures.end() ? found->second : 0;
+    }
+
     std::size_t checks = 0;
     std::size_t downloads = 0;
+    std::map<App::IRemoteResource::DownloadError, std::size_t> failures;
     std::size_t retries = 0;
+    /// Failures after which the policy allows no retry, as far as one can tell: without those that
+    /// were under way at once.
+    std::size_t unretriedFailures = 0;
+    /// Ends of checks that were compared with what the checks had brought about.
+    std::size_t outcomes = 0;
     /// The state at the end of the last check to end.
     App::IRemoteResource::State state;
     /// Whether another check of the descriptor was under way at some time during the last one.
     bool lastCheckOverlapped = false;
 };
 
+/// Steps that have begun and ended.
+struct StepsEnded {
+    std::size_t checks = 0;
+    std::size_t downloads = 0;
+    std::size_t statusNotifications = 0;
+    std::size_t progressNotifications = 0;
+};
+
 /// Fails the test unless each step that ends had begun on the same thread, the innermost first, and
 /// each step that had begun has ended.
-void ExpectEndsFitBeginnings(const std::vector<TraceRecorder::Records>& byThread);
+StepsEnded ExpectEndsFitBeginnings(const std::vector<TraceRecorder::Records>& byThread);
 
 /// Follows each descriptor through a trace. Fails the test where a download is not owed to a
 /// scheduling, a check ends in another state than the one it brought about, or a resource is

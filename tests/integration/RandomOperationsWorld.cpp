@@ -104,7 +104,7 @@ Reply World::RandomReply(std::size_t file, Random& random) const {
     const Versions& versions = m_versions[file];
     const std::string& body = versions.accepted[random() % kAcceptedVersions];
     const std::size_t cut = random() % body.size();
-    switch (random() % 20) {
+    switch (random() % 24) {
     case 0:
     case 1:
     case 2:
@@ -114,6 +114,8 @@ Reply World::RandomReply(std::size_t file, Random& random) const {
     case 4:
         return Reply::Ok(body).WithoutLength();
     case 5:
+    case 20:
+    case 21:
         return Reply::Ok(versions.refused);
     case 6:
         return Reply::Ok(body).CutAfter(cut);
@@ -133,6 +135,8 @@ Reply World::RandomReply(std::size_t file, Random& random) const {
                                          std::to_string(whole.size() - 1) + "/" + size);
     }
     case 11:
+    case 22:
+    case 23:
         return Reply::Status(404, "nothing here");
     case 12:
         return Reply::Status(503, body);
