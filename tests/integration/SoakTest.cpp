@@ -1,3 +1,4 @@
+#include "ResourceDownloadManager/IEventTracer.h"
 #include "integration/Application.h"
 #include "support/ScriptedHttpServer.h"
 
@@ -5,6 +6,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -19,13 +21,16 @@
 #include <csignal>
 #include <malloc.h>
 #include <sys/prctl.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 namespace Halvex::App {
 namespace {
 
+using testing::AllOf;
 using Testing::Application;
+using testing::Ge;
 using Testing::GeneratedBytes;
 using testing::Le;
 using Testing::Outcome;
@@ -46,42 +51,63 @@ std::size_t SizeOf(std::size_t file) {
     return random() % (limit + 1);
 }
 
-/// Three kinds of faults, one in a hundred answers; what comes after them is whole.
-std::vector<Reply> Replies(std::size_t file, std::size_t requests) {
-    const Reply whole = Reply::Generated(SizeOf(file), file);
-    Reply cut = whole;
-    Reply reset = whole;
-    const std::array faults{cut.Announcing(SizeOf(file) + 1), reset.ResetAfter(SizeOf(file) / 2),
-                            Reply::Status(503)};
-    std::mt19937_64 random(file);
+/// What the server sends when it is asked for one file again and again, and what of that is a
+/// fault.
+struct Script {
     std::vector<Reply> replies;
-    for (std::size_t request = 0; request < requests; ++request) {
-        if (random() % 100 == 0)
-            replies.push_back(faults.at(random() % faults.size()));
-        replies.push_back(whole);
+    std::vector<bool> isFault;
+
+    void Add(const Reply& reply, bool isAFault) {
+        replies.push_back(reply);
+        isFault.push_back(isAFault);
     }
-    return replies;
+};
+
+/// Three kinds of faults, one in a hundred answers; what comes after them is whole.
+Script ScriptOf(std::size_t file, std::size_t downloads) {
+    const Reply whole = Reply::Generated(SizeOf(file), file);
+    // An empty file, too, lacks something then.
+    Reply cut = whole;
+    cut.Announcing(SizeOf(file) + 1);
+    Reply reset = cut;
+    const std::array faults{cut, reset.ResetAfter(SizeOf(file) / 2), Reply::Status(503)};
+    std::mt19937_64 random(file);
+    Script script;
+    for (std::size_t download = 0; download < downloads; ++download) {
+        if (random() % 100 == 0)
+            script.Add(faults.at(random() % faults.size()), true);
+        script.Add(whole, false);
+    }
+    return script;
 }
+
+/// How many answers a server has given.
+struct Given {
+    std::size_t answers = 0;
+    std::size_t faults = 0;
+};
 
 /// Serves generated files from a process of its own, so that what the server keeps does not count.
 class ServerProcess {
 public:
-    /// Each file is asked for so many times.
-    ServerProcess(std::size_t files, std::size_t requests) {
-        std::array<int, 2> pipe{};
-        if (::pipe(pipe.data()) != 0 || (m_process = ::fork()) < 0)
+    /// Each file is downloaded so many times.
+    ServerProcess(std::size_t files, std::size_t downloads) {
+        std::array<int, 2> sockets{};
+        if (::socketpair(AF_UNIX, SOCK_STREAM, 0, sockets.data()) != 0 ||
+            (m_process = ::fork()) < 0)
             throw std::runtime_error("cannot make a server process");
+        m_socket = sockets.at(0);
         if (m_process == 0) {
             ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-            Serve(files, requests, pipe.at(1));
+            Serve(files, downloads, sockets.at(1));
         }
-        ::close(pipe.at(1));
-        EXPECT_EQ(::read(pipe.at(0), &m_port, sizeof(m_port)), ssize_t{sizeof(m_port)});
-        ::close(pipe.at(0));
+        ::close(sockets.at(1));
+        m_port = Receive<int>();
     }
     ~ServerProcess() {
         ::kill(m_process, SIGKILL);
         ::waitpid(m_process, nullptr, 0);
+        ::close(m_socket);
     }
 
     ServerProcess(const ServerProcess&) = delete;
@@ -89,20 +115,73 @@ public:
 
     std::string Url() const { return "http://127.0.0.1:" + std::to_string(m_port); }
 
+    Given GivenSoFar() const {
+        EXPECT_EQ(::write(m_socket, "?", 1), 1);
+        return Receive<Given>();
+    }
+
 private:
-    [[noreturn]] static void Serve(std::size_t files, std::size_t requests, int output) {
-        ScriptedHttpServer server;
-        for (std::size_t file = 0; file < files; ++file)
-            server.On("/" + std::to_string(file), Replies(file, requests));
-        const int port = server.Port();
-        if (::write(output, &port, sizeof(port)) != sizeof(port))
+    template <typename Value>
+    Value Receive() const {
+        Value value{};
+        EXPECT_EQ(::read(m_socket, &value, sizeof(value)), ssize_t{sizeof(value)});
+        return value;
+    }
+
+    template <typename Value>
+    static void Send(int socket, const Value& value) {
+        if (::write(socket, &value, sizeof(value)) != sizeof(value))
             ::_exit(1);
-        for (;;)
-            ::pause();
+    }
+
+    /// Sends its port, and what it has given whenever it is asked.
+    [[noreturn]] static void Serve(std::size_t files, std::size_t downloads, int socket) {
+        ScriptedHttpServer server;
+        std::vector<std::vector<bool>> isFault;
+        for (std::size_t file = 0; file < files; ++file) {
+            Script script = ScriptOf(file, downloads);
+            server.On("/" + std::to_string(file), std::move(script.replies));
+            isFault.push_back(std::move(script.isFault));
+        }
+        Send(socket, server.Port());
+        char question = 0;
+        while (::read(socket, &question, 1) == 1)
+            Send(socket, GivenBy(server, isFault));
+        ::_exit(0);
+    }
+
+    static Given GivenBy(const ScriptedHttpServer& server,
+                         const std::vector<std::vector<bool>>& isFault) {
+        Given given;
+        std::vector<std::size_t> next(isFault.size());
+        for (const ScriptedHttpServer::Request& request : server.Requests()) {
+            const std::size_t file = std::stoul(request.target.substr(1));
+            const std::size_t answer = next.at(file)++;
+            ++given.answers;
+            // The last one, which is repeated, is whole.
+            given.faults += answer < isFault[file].size() && isFault[file][answer] ? 1 : 0;
+        }
+        return given;
     }
 
     pid_t m_process = -1;
+    int m_socket = -1;
     int m_port = 0;
+};
+
+/// Counts the attempts to download a file.
+class AttemptCounter : public IEventTracer {
+public:
+    std::size_t Count() const { return m_count; }
+
+    void Trace(Event event, const TraceRecord&) const override {
+        if (event == Event::Download)
+            ++m_count;
+    }
+    void TraceString(const std::string&) const override {}
+
+private:
+    mutable std::atomic<std::size_t> m_count{0};
 };
 
 std::size_t Descriptors() {
@@ -136,6 +215,12 @@ protected:
         IRemoteResource* resource;
         std::vector<std::pair<const ResourceDescriptor*, std::size_t>> files;
     };
+
+    static Application::Dependencies DependenciesWith(std::shared_ptr<IEventTracer> tracer) {
+        Application::Dependencies dependencies;
+        dependencies.eventTracer = std::move(tracer);
+        return dependencies;
+    }
 
     static Application::Params Parameters() {
         Application::Params params;
@@ -184,10 +269,22 @@ protected:
         EXPECT_EQ(Descriptors(), m_descriptorsAtATenth);
     }
 
-    const FoldersInMemory m_inMemory;
-    Application m_application{Parameters()};
+    /// That about one answer in a hundred was a fault, and that each cost one more request.
+    void ExpectFaultsWereMadeGood(const ServerProcess& server) const {
+        const Given given = server.GivenSoFar();
+        const std::size_t retries = m_attempts->Count() - kDownloads;
+        std::cout << given.faults << " faults in " << given.answers << " answers, " << retries
+                  << " retries" << std::endl;
+        EXPECT_THAT(given.faults, AllOf(Ge(kDownloads / 125), Le(kDownloads / 80)));
+        EXPECT_EQ(given.answers, kDownloads + given.faults);
+        // A reset of a connection that was in use before may be made good by the HTTP client.
+        EXPECT_THAT(retries, AllOf(Ge(given.faults / 2), Le(given.faults)));
+    }
 
 private:
+    const FoldersInMemory m_inMemory;
+    const std::shared_ptr<AttemptCounter> m_attempts = std::make_shared<AttemptCounter>();
+    Application m_application{Parameters(), DependenciesWith(m_attempts)};
     std::size_t m_descriptorsAtATenth = 0;
     double m_megabytesAtATenth = 0;
 };
@@ -205,6 +302,7 @@ TEST_F(Soak, AHundredThousandFilesArriveWholeAndMemoryStays) {
         ASSERT_FALSE(HasFailure());
         LookAtLevel(round + 1);
     }
+    ExpectFaultsWereMadeGood(server);
 }
 
 /// The same number of downloads in a process that is small, so that a tenth of its memory is 30
@@ -217,6 +315,7 @@ TEST_F(Soak, AThousandFilesArriveWholeAHundredTimesAndMemoryStays) {
         ASSERT_FALSE(HasFailure());
         LookAtLevel(round + 1);
     }
+    ExpectFaultsWereMadeGood(server);
 }
 
 } // namespace Halvex::App
