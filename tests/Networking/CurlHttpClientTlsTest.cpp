@@ -18,6 +18,7 @@
 #include <sstream>
 #include <thread>
 
+#include <sys/inotify.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -333,6 +334,47 @@ INSTANTIATE_TEST_SUITE_P(Files, CurlHttpClientBadAuthorityFileTest,
                          [](const auto& row) { return row.param.name; });
 
 // A server that does not speak TLS, or stops to
+
+/// Counts how often a file is opened, if one opening is closed before the next.
+class OpeningsOf {
+public:
+    explicit OpeningsOf(const ioPath& file) {
+        EXPECT_GE(::inotify_add_watch(m_events, file.string().c_str(), IN_OPEN | IN_CLOSE), 0);
+    }
+    ~OpeningsOf() { ::close(m_events); }
+
+    OpeningsOf(const OpeningsOf&) = delete;
+    OpeningsOf& operator=(const OpeningsOf&) = delete;
+
+    int Count() {
+        inotify_event event{};
+        while (::read(m_events, &event, sizeof(event)) == sizeof(event))
+            m_count += (event.mask & IN_OPEN) != 0 ? 1 : 0;
+        return m_count;
+    }
+
+private:
+    const int m_events = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+    int m_count = 0;
+};
+
+TEST_F(CurlHttpClientTlsTest, ReadsItsAuthoritiesOnceForAllConnections) {
+    constexpr int kAtOnce = 4;
+    m_folder.Write("file", "content");
+    const NginxServer server = Serve();
+    OpeningsOf openings(m_trust / "authority.pem");
+    // Each within the one before, so that each has a connection of its own.
+    int requests = 0;
+    m_options.progressCallback = [&](std::size_t, std::size_t) {
+        if (++requests < kAtOnce) {
+            EXPECT_EQ(Get(server.SecureUrl("/file")).errorCode, 0);
+        }
+    };
+    EXPECT_EQ(Get(server.SecureUrl("/file")).errorCode, 0);
+    EXPECT_GE(requests, kAtOnce);
+    EXPECT_TRUE(server.WaitForRequests(kAtOnce));
+    EXPECT_EQ(openings.Count(), 1);
+}
 
 TEST_F(CurlHttpClientTlsTest, FailsWhenItSpeaksPlainlyWithATlsServer) {
     const NginxServer server = Serve();

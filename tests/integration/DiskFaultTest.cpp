@@ -296,6 +296,18 @@ TEST_F(DiskFault, ANameMayNotBeLonger) {
     ExpectErrorWithoutAFile();
 }
 
+TEST_F(DiskFault, ATemporaryNameMayBeAsLongAsNamesCanBe) {
+    temporaryPath = folder / std::string(255, 'n');
+    EXPECT_EQ(Download(), "Available NoError");
+    ExpectWholeFile();
+}
+
+TEST_F(DiskFault, ATemporaryNameMayNotBeLonger) {
+    temporaryPath = folder / (std::string(248, 'n') + "file.bin");
+    ExpectErrorWithoutAFile();
+    EXPECT_THAT(errors, Each("Failed to remove file=" + temporaryPath.string()));
+}
+
 TEST_F(DiskFault, AnEmptyFolderAtTheDestinationStays) {
     std::filesystem::create_directory(destination.string());
     EXPECT_EQ(Download(), "Error GeneralError");
