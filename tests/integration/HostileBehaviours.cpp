@@ -1,5 +1,7 @@
 #include "integration/HostileBehaviours.h"
 
+#include "support/Sanitizers.h"
+
 #include <algorithm>
 #include <array>
 #include <cstdio>
@@ -29,6 +31,49 @@ const std::string& ShortBody() {
 
 constexpr const char* kTag = "\"1\"";
 
+// What it takes
+
+constexpr std::chrono::seconds kConnectLimit(5);
+/// What a slow and loaded machine may need. It tells no rows apart: what is not to end them comes
+/// later still.
+constexpr std::chrono::seconds kSoon(25);
+/// What gibibytes may need.
+constexpr std::chrono::seconds kGibibytes(600);
+constexpr std::uint64_t kMebibyte = 1024 * 1024;
+
+constexpr Bounds From(std::chrono::milliseconds least, std::uint64_t mebibytes = 16) {
+    return {least, kSoon, mebibytes * kMebibyte};
+}
+
+struct PaceInWords {
+    Pace pace;
+    const char* when;
+    const char* cause;
+    Bounds bounds;
+};
+constexpr std::array kPaces{
+    // One row has a page of 10 MB, one that ends at the time-out a body of more than 12 MiB.
+    PaceInWords{Pace::Prompt, "at once", "the server", From(0ms, 32)},
+    PaceInWords{Pace::Large,
+                "with its bytes",
+                "the server, after gibibytes",
+                {0ms, kGibibytes, 16 * kMebibyte}},
+    PaceInWords{Pace::ConnectLimit, "connect limit", "the limit for connecting",
+                From(kConnectLimit)},
+    PaceInWords{Pace::StallLimit, "stall limit", "the limit for slow transfers", From(kStallLimit)},
+    PaceInWords{Pace::Timeout, "time-out", "the time-out for the whole request",
+                From(kTimeout, 12)},
+    PaceInWords{Pace::LateTimeout, "late time-out",
+                "that time-out, but the client listens and gathers for some seconds more",
+                From(kTimeout, 128)},
+    PaceInWords{Pace::TimeoutAtLast, "time-out at last",
+                "the server or that time-out, as it happens", From(0ms)},
+};
+const PaceInWords& InWords(Pace pace) {
+    return *std::find_if(kPaces.begin(), kPaces.end(),
+                         [&](const PaceInWords& candidate) { return candidate.pace == pace; });
+}
+
 // What becomes of a download
 
 Outcomes Ends(std::vector<End> ends, std::size_t requests = 1) {
@@ -36,6 +81,9 @@ Outcomes Ends(std::vector<End> ends, std::size_t requests = 1) {
 }
 Outcomes Whole(std::size_t requests = 1) {
     return Ends({End::Whole}, requests);
+}
+Outcomes LargeAndWhole() {
+    return {{End::Whole}, 1, 1, Pace::Large};
 }
 Outcomes Failed(std::size_t requests = 1) {
     return Ends({End::Failed}, requests);
@@ -48,6 +96,9 @@ Outcomes Stalled(std::size_t requests = 1) {
 }
 Outcomes TimedOut(std::size_t requests = 1) {
     return {{End::Cancelled}, requests, requests, Pace::Timeout};
+}
+Outcomes TimedOutLate() {
+    return {{End::Cancelled}, 1, 1, Pace::LateTimeout};
 }
 
 /// With Qt: it asks up to three times more when the connection ends, and after redirects.
@@ -178,9 +229,9 @@ Rows Lengths() {
         {kGroup, "LengthOf5Gibibytes", "announces 5 GiB and ends early",
          Says(Reply::Ok(HonestBody()).Announcing(kLarge)), Lost(), Repeated(Failed())},
         {kGroup, "BodyOf5Gibibytes", "sends 5 GiB", Generates(kLarge, Reply::Generated(kLarge)),
-         Whole(), Whole()},
+         LargeAndWhole(), LargeAndWhole()},
         {kGroup, "BodyOf5GibibytesInChunks", "sends 5 GiB in chunks",
-         Generates(kLarge, Reply::Generated(kLarge).Chunked()), Whole(), Whole()},
+         Generates(kLarge, Reply::Generated(kLarge).Chunked()), LargeAndWhole(), LargeAndWhole()},
         {kGroup, "LengthBeyond64Bits", "announces more than 64 bits can count",
          Says(Answer("Content-Length: 99999999999999999999999\r\n")), Failed(), Repeated(Whole())},
         {kGroup, "LengthNegative", "announces a negative length",
@@ -227,58 +278,61 @@ Rows Lengths() {
     };
 }
 
-/// Of chunks that end early Qt makes what it happens to see first: the end of the connection, or
-/// what came before it.
+/// Where a connection ends.
+struct Stage {
+    std::string name;
+    std::string words;
+    /// What the server has sent until then.
+    std::string sent;
+    Outcomes qt;
+    Outcomes nativeWhenCut = Lost();
+};
+
 Rows Cuts() {
     constexpr const char* kGroup = "Cut and reset connections";
-    const Reply answer = Answer("X-A: b\r\n" + LengthLine());
-    const std::string chunks = Chunk(FirstHalf()) + Chunk(SecondHalf());
-    return {
-        {kGroup, "CutBeforeTheStatusLine", "cuts it before the status line", SaysRaw(""), Lost(),
-         Repeated(Failed())},
-        {kGroup, "ResetBeforeTheStatusLine", "resets it before the status line",
-         Says(Reply(answer).ResetAfter(0)), Lost(), Repeated(Failed())},
-        {kGroup, "CutInTheStatusLine", "cuts it in the status line",
-         Says(Reply(answer).CutAfter(10)), Lost(), Repeated(Failed())},
-        {kGroup, "ResetInTheStatusLine", "resets it in the status line",
-         Says(Reply(answer).ResetAfter(10)), Lost(), Repeated(Failed())},
-        {kGroup, "CutInTheHeaders", "cuts it in a header", Says(Reply(answer).CutAfter(20)), Lost(),
-         Repeated(Failed())},
-        {kGroup, "ResetInTheHeaders", "resets it in a header", Says(Reply(answer).ResetAfter(20)),
-         Lost(), Repeated(Failed())},
-        {kGroup, "CutBeforeTheEmptyLine", "cuts it after the last header",
-         SaysRaw("HTTP/1.1 200 OK\r\n" + LengthLine()), Lost(), Repeated(Failed())},
-        {kGroup, "CutAfterTheHeaders", "cuts it between headers and body",
-         Says(Reply::Ok(HonestBody()).CutAfter(0)), Lost(), Repeated(Failed())},
-        {kGroup, "ResetAfterTheHeaders", "resets it between headers and body",
-         Says(Reply::Ok(HonestBody()).ResetAfter(0)), Lost(), Repeated(Failed())},
-        {kGroup, "CutAfterTheFirstByte", "cuts it after the body's first byte",
-         Says(Reply::Ok(HonestBody()).CutAfter(1)), Lost(), Repeated(Failed())},
-        {kGroup, "CutInMidBody", "cuts it in mid-body",
-         Says(Reply::Ok(HonestBody()).CutAfter(kSize / 2)), Lost(), Repeated(Failed())},
-        {kGroup, "ResetInMidBody", "resets it in mid-body",
-         Says(Reply::Ok(HonestBody()).ResetAfter(kSize / 2)), Lost(), Repeated(Failed())},
-        {kGroup, "CutBeforeTheLastByte", "cuts it before the body's last byte",
-         Says(Reply::Ok(HonestBody()).CutAfter(kSize - 1)), Lost(), Repeated(Failed())},
-        {kGroup, "CutBeforeTheFirstChunk", "cuts it before the first chunk", Says(Chunks("")),
-         Lost(), Repeated(Ends({End::Failed, End::Empty}))},
-        {kGroup, "CutInTheFirstChunkSize", "cuts it in the first chunk's size", Says(Chunks("186")),
-         Lost(), Repeated({{End::Failed, End::Empty, End::Cancelled}, 1, 1, Pace::Timeout})},
-        {kGroup, "CutInAChunk", "cuts it in a chunk",
-         Says(Chunks(Chunk(HonestBody()).substr(0, kSize / 2))), Lost(),
-         Repeated(Ends({End::Failed, End::Cut}))},
-        {kGroup, "ResetInAChunk", "resets it in a chunk",
-         Says(Chunks(Chunk(HonestBody())).ResetAfter(kSize / 2)), Lost(),
-         Repeated(Ends({End::Failed, End::Cut}))},
-        {kGroup, "CutBetweenChunks", "cuts it between two chunks", Says(Chunks(Chunk(FirstHalf()))),
-         Lost(), Repeated(Ends({End::Failed, End::Cut}))},
-        {kGroup, "CutBeforeTheLastChunk", "cuts it before the last, empty chunk",
-         Says(Chunks(chunks)), Lost(), Repeated(Ends({End::Failed, End::Whole}))},
-        {kGroup, "CutInTheLastChunk", "cuts it in the last, empty chunk",
-         Says(Chunks(chunks + "0")), Lost(), Repeated(Ends({End::Failed, End::Whole}))},
-        {kGroup, "CutBeforeTheTrailersEnd", "cuts it after the last chunk's size",
-         Says(Chunks(chunks + "0\r\n")), Lost(), Repeated(Ends({End::Failed, End::Whole}))},
-    };
+    const std::string head = "HTTP/1.1 200 OK\r\n" + LengthLine();
+    const std::string body = HonestBody();
+    const std::string chunked = "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n";
+    const std::string chunks = chunked + Chunk(FirstHalf()) + Chunk(SecondHalf());
+    const Outcomes failed = Repeated(Failed());
+    // Of chunks that end early Qt makes what it happens to see first: the end of the connection, or
+    // what came before it.
+    const Outcomes failedOrEmpty = Repeated(Ends({End::Failed, End::Empty}));
+    const Outcomes failedOrCut = Repeated(Ends({End::Failed, End::Cut}));
+    const Outcomes failedOrWhole = Repeated(Ends({End::Failed, End::Whole}));
+    const Outcomes failedOrEmptyOrTimedOut =
+        Repeated({{End::Failed, End::Empty, End::Cancelled}, 1, 1, Pace::TimeoutAtLast});
+    Rows rows;
+    for (const Stage& at : std::vector<Stage>{
+             {"BeforeTheStatusLine", "before the status line", "", failed},
+             {"InTheStatusLine", "in the status line", head.substr(0, 10), failed},
+             {"InTheHeaders", "in a header", head.substr(0, 20), failed},
+             {"BeforeTheEmptyLine", "after the last header", head, failed},
+             {"AfterTheHeaders", "between headers and body", head + "\r\n", failed},
+             {"AfterTheFirstByte", "after the body's first byte", head + "\r\n" + body[0], failed},
+             {"InMidBody", "in mid-body", head + "\r\n" + FirstHalf(), failed},
+             {"BeforeTheLastByte", "before the body's last byte",
+              head + "\r\n" + body.substr(0, kSize - 1), failed},
+             {"BeforeTheFirstChunk", "before the first chunk", chunked, failedOrEmpty},
+             {"InTheFirstChunkSize", "in the first chunk's size", chunked + "186",
+              failedOrEmptyOrTimedOut},
+             {"InAChunk", "in a chunk", chunked + Chunk(body).substr(0, kSize / 2), failedOrCut},
+             {"BetweenChunks", "between two chunks", chunked + Chunk(FirstHalf()), failedOrCut},
+             {"BeforeTheLastChunk", "before the last, empty chunk", chunks, failedOrWhole},
+             {"InTheLastChunk", "in the last, empty chunk", chunks + "0", failedOrWhole},
+             {"BeforeTheTrailersEnd", "after the last chunk's size", chunks + "0\r\n",
+              failedOrWhole},
+             // The last chunk has come, and no trailer can follow: nothing is missing.
+             {"BeforeTheLastLineFeed", "before the last line feed", chunks + "0\r\n\r",
+              failedOrWhole, Whole()},
+         }) {
+        const Reply cut = Reply::Raw(at.sent);
+        rows.push_back(
+            {kGroup, "Cut" + at.name, "cuts it " + at.words, Says(cut), at.nativeWhenCut, at.qt});
+        rows.push_back({kGroup, "Reset" + at.name, "resets it " + at.words,
+                        Says(Reply(cut).ResetAfter(at.sent.size())), Lost(), at.qt});
+    }
+    return rows;
 }
 
 Rows Chunkings() {
@@ -530,14 +584,14 @@ Rows Floods() {
          Says(Answer("X-A: " + std::string(200'000, 'a') + "\r\n" + LengthLine())), Failed(),
          Repeated(Whole())},
         {kGroup, "EndlessHeaders", "sends headers without end",
-         Says(Reply::Flood(head, "X-A: a value\r\n").Drip(16 * 1024, 1ms)), Lost(), TimedOut()},
+         Says(Reply::Flood(head, "X-A: a value\r\n").Drip(16 * 1024, 1ms)), Lost(), TimedOutLate()},
         {kGroup, "EndlessHeader", "sends one header without end",
-         Says(Reply::Flood(head + "X-A: ", "a").Drip(16 * 1024, 1ms)), Failed(), TimedOut()},
+         Says(Reply::Flood(head + "X-A: ", "a").Drip(16 * 1024, 1ms)), Failed(), TimedOutLate()},
         {kGroup, "EndlessStatusLine", "sends a status line without end",
-         Says(Reply::Flood("HTTP/1.1 200 ", "a").Drip(16 * 1024, 1ms)), Failed(), TimedOut()},
+         Says(Reply::Flood("HTTP/1.1 200 ", "a").Drip(16 * 1024, 1ms)), Failed(), TimedOutLate()},
         {kGroup, "EndlessContinue", "sends 100 Continue without end",
          Says(Reply::Flood("", "HTTP/1.1 100 Continue\r\n\r\n").Drip(16 * 1024, 1ms)), Lost(),
-         TimedOut()},
+         TimedOutLate()},
         {kGroup, "EndlessTrailers", "sends trailers without end",
          Having("hello",
                 Says(Reply::Flood(head + "Transfer-Encoding: chunked\r\n\r\n5\r\nhello\r\n0\r\n",
@@ -552,7 +606,7 @@ Rows Floods() {
         {kGroup, "EndlessChunkExtension", "sends a chunk's extension without end",
          Says(
              Reply::Flood(head + "Transfer-Encoding: chunked\r\n\r\n5;", "a").Drip(16 * 1024, 1ms)),
-         Stalled(), TimedOut()},
+         Stalled(), TimedOutLate()},
     };
 }
 
@@ -792,25 +846,18 @@ const char* WordsFor(End end) {
     return "?";
 }
 
-const char* WordsFor(Pace pace) {
-    switch (pace) {
-    case Pace::Prompt:
-        return "";
-    case Pace::ConnectLimit:
-        return ", after 5 seconds";
-    case Pace::StallLimit:
-        return ", at the stall limit";
-    case Pace::Timeout:
-        return ", at the time-out";
-    }
-    return "?";
+std::string Seconds(std::chrono::milliseconds duration) {
+    std::ostringstream text;
+    text << static_cast<double>(duration.count()) / 1000;
+    return text.str();
 }
 
 std::string WordsFor(const Outcomes& outcomes) {
     std::string words;
     for (const End end : outcomes.ends)
         words += (words.empty() ? "" : " or ") + std::string(WordsFor(end));
-    words += std::string(WordsFor(outcomes.pace)) + " | " + std::to_string(outcomes.fewestRequests);
+    words += std::string(" | ") + InWords(outcomes.pace).when + " | " +
+             std::to_string(outcomes.fewestRequests);
     if (outcomes.mostRequests != outcomes.fewestRequests)
         words += " to " + std::to_string(outcomes.mostRequests);
     return words;
@@ -843,15 +890,27 @@ const std::vector<Behaviour>& AllBehaviours() {
     return all;
 }
 
+Bounds BoundsOf(Pace pace) {
+    Bounds bounds = InWords(pace).bounds;
+    if (kSanitized)
+        bounds.memoryBytes = 128 * kMebibyte;
+    return bounds;
+}
+
 std::string BehavioursInMarkdown() {
     std::ostringstream text;
+    text << "\n| when | what ends the download | seconds | memory |\n|---|---|---|---|\n";
+    for (const auto& [pace, when, cause, bounds] : kPaces)
+        text << "| " << when << " | " << cause << " | " << Seconds(bounds.least) << " to "
+             << Seconds(bounds.most) << " | " << bounds.memoryBytes / kMebibyte << " MiB |\n";
     std::string group;
     for (const Behaviour& behaviour : AllBehaviours()) {
         if (group != behaviour.group) {
             group = behaviour.group;
-            text << "\n### " << group
-                 << "\n\n| the server... | native | requests | Qt | requests | row |\n"
-                    "|---|---|---|---|---|---|\n";
+            text
+                << "\n### " << group
+                << "\n\n| the server... | native | when | requests | Qt | when | requests | row |\n"
+                   "|---|---|---|---|---|---|---|---|\n";
         }
         text << "| " << behaviour.words << " | " << WordsFor(behaviour.native) << " | "
              << WordsFor(behaviour.qt) << " | `" << behaviour.name << "` |\n";

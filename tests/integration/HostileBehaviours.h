@@ -3,6 +3,7 @@
 #include "support/ChildProcess.h"
 #include "support/ScriptedHttpServer.h"
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <list>
@@ -25,13 +26,29 @@ enum class End {
     Cancelled, ///< Cancelled
 };
 
-/// What makes it end.
+/// What makes it end, and so what it takes.
 enum class Pace {
-    Prompt,       ///< the server
-    ConnectLimit, ///< the limit for connecting
-    StallLimit,   ///< the limit for slow transfers
-    Timeout,      ///< the time-out for the whole request
+    Prompt,        ///< the server
+    Large,         ///< the server, after gibibytes
+    ConnectLimit,  ///< the limit for connecting
+    StallLimit,    ///< the limit for slow transfers
+    Timeout,       ///< the time-out for the whole request
+    LateTimeout,   ///< that time-out, but the client listens for some seconds more
+    TimeoutAtLast, ///< the server or that time-out, as it happens
 };
+
+/// The limits of a request that is to reach them. That for connecting is the downloader's own.
+constexpr std::chrono::milliseconds kStallLimit(1000);
+constexpr std::chrono::milliseconds kTimeout(1500);
+
+/// What a download takes, on a slow and loaded machine too, and with a sanitizer.
+struct Bounds {
+    std::chrono::milliseconds least;
+    std::chrono::milliseconds most;
+    /// By how much it enlarges the process, the server included, at most.
+    std::uint64_t memoryBytes;
+};
+Bounds BoundsOf(Pace pace);
 
 /// What one client makes of a behaviour.
 struct Outcomes {
@@ -78,10 +95,10 @@ struct Scene {
 
 /// One thing that a server does, and how a download ends then: a row of the table.
 struct Behaviour {
-    const char* group;
-    const char* name;
+    std::string group;
+    std::string name;
     /// What the server does, for people.
-    const char* words;
+    std::string words;
     std::function<void(Scene&)> prepare;
     Outcomes native;
     Outcomes qt;
