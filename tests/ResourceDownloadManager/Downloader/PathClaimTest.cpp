@@ -96,6 +96,13 @@ TEST_F(PathClaimTest, LeavesOtherPathsFree) {
     EXPECT_TRUE(IsFree(m_folder.Path()));
 }
 
+TEST_F(PathClaimTest, LeavesTheSameNameInAnotherFolderFree) {
+    std::filesystem::create_directory((m_folder / "other").string());
+    const PathClaim claim(m_path, GiveUpAtOnce);
+    EXPECT_TRUE(IsFree(m_folder / "other/temp"));
+    EXPECT_FALSE(claim.IsOn(m_folder / "other/temp"));
+}
+
 TEST_F(PathClaimTest, TakesOtherSpellingsForTheSamePath) {
     const PathClaim claim(m_path, GiveUpAtOnce);
     EXPECT_FALSE(IsFree(m_folder / "./temp"));
