@@ -12,11 +12,11 @@ using Event = IEventTracer::Event;
 
 } // namespace
 
-ActiveState::ActiveState(IEventTracer::TraceRecord record,
-                         std::shared_ptr<ITaskQueue> notificationQueue,
-                         std::shared_ptr<IEventTracer> tracer)
-    : m_record(std::move(record)), m_notificationQueue(std::move(notificationQueue)),
-      m_tracer(std::move(tracer)) {}
+ActiveState::ActiveState(const ResourceDescriptor* descriptor,
+                         const ResourceDescriptorBundle* bundle, ITaskQueue& notificationQueue,
+                         const IEventTracer& tracer)
+    : m_descriptor(descriptor), m_bundle(bundle), m_notificationQueue(notificationQueue),
+      m_tracer(tracer) {}
 
 ActiveState::State ActiveState::GetState() {
     if (DeliveryLock* delivery = FindDeliveryLock()) {
@@ -30,7 +30,7 @@ ActiveState::State ActiveState::GetState() {
 
 DeliveryLock* ActiveState::FindDeliveryLock() const {
     const MutexLock lock(m_mutex);
-    return m_delivery.get();
+    return m_observers ? &m_observers->delivery : nullptr;
 }
 
 IEventTracer::TraceRecord ActiveState::GetTraceRecord(State& snapshot) const {
@@ -38,16 +38,18 @@ IEventTracer::TraceRecord ActiveState::GetTraceRecord(State& snapshot) const {
         const MutexLock lock(m_mutex);
         snapshot = m_state;
     }
-    IEventTracer::TraceRecord record = m_record;
-    record.state = &snapshot;
-    return record;
+    return RecordOf(snapshot);
+}
+
+IEventTracer::TraceRecord ActiveState::RecordOf(const State& state) const {
+    return {m_descriptor, m_bundle, &state, {}};
 }
 
 DeliveryLock& ActiveState::MakeDeliveryLock() {
     const MutexLock lock(m_mutex);
-    if (!m_delivery)
-        m_delivery = std::make_unique<DeliveryLock>();
-    return *m_delivery;
+    if (!m_observers)
+        m_observers = std::make_unique<Observers>();
+    return m_observers->delivery;
 }
 
 void ActiveState::SetAvailable() {
@@ -111,9 +113,10 @@ void ActiveState::AddHandler(IRemoteResourceEventHandler* handler, Callback call
                              const IRemoteResource::NotificationParams& params) {
     const DeliveryScope scope(MakeDeliveryLock());
     const MutexLock lock(m_mutex);
-    if (m_handlers.count(handler) == 0)
-        m_handlers.emplace(
-            handler, HandlerEntry{std::move(callback), params, std::nullopt, m_registrations++});
+    auto& [delivery, handlers, registrations] = *m_observers;
+    if (handlers.count(handler) == 0)
+        handlers.emplace(handler,
+                         HandlerEntry{std::move(callback), params, std::nullopt, registrations++});
 }
 
 void ActiveState::RemoveHandler(IRemoteResourceEventHandler* handler) {
@@ -124,11 +127,12 @@ void ActiveState::RemoveHandler(IRemoteResourceEventHandler* handler) {
         return;
     const DeliveryScope scope(*delivery);
     const MutexLock lock(m_mutex);
-    const auto found = m_handlers.find(handler);
-    if (found == m_handlers.end())
+    auto& handlers = m_observers->handlers;
+    const auto found = handlers.find(handler);
+    if (found == handlers.end())
         return;
     removed = std::move(found->second);
-    m_handlers.erase(found);
+    handlers.erase(found);
 }
 
 void ActiveState::CheckAllNotifications() {
@@ -165,7 +169,9 @@ void ActiveState::CheckAllNotificationsLocked(Deliveries& due) {
 }
 
 void ActiveState::CheckOwnNotificationsLocked(Deliveries& due) {
-    for (auto& [handler, entry] : m_handlers) {
+    if (!m_observers)
+        return;
+    for (auto& [handler, entry] : m_observers->handlers) {
         if (entry.params.statuses.count(m_state.status) == 0)
             continue;
         const bool isRepeat = entry.lastNotified && entry.lastNotified->status == m_state.status;
@@ -197,7 +203,7 @@ void ActiveState::UpdateChildLocked(std::size_t child, const State& state) {
 
 void ActiveState::Post(Deliveries due) {
     for (ITaskQueue::Task& delivery : due)
-        m_notificationQueue->AddTask(std::move(delivery), ITaskQueue::Middle);
+        m_notificationQueue.AddTask(std::move(delivery), ITaskQueue::Middle);
 }
 
 void ActiveState::Deliver(const Delivery& delivery) {
@@ -208,20 +214,20 @@ void ActiveState::Deliver(const Delivery& delivery) {
     State lastNotified;
     {
         const MutexLock lock(m_mutex);
-        const auto found = m_handlers.find(delivery.handler);
-        if (found == m_handlers.end() || found->second.registration != delivery.registration)
+        const auto& handlers = m_observers->handlers;
+        const auto found = handlers.find(delivery.handler);
+        if (found == handlers.end() || found->second.registration != delivery.registration)
             return;
         callback = found->second.callback;
         lastNotified = *found->second.lastNotified;
     }
-    IEventTracer::TraceRecord record = m_record;
-    record.state = &lastNotified;
-    m_tracer->Trace(delivery.isProgress ? Event::ProgressNotification : Event::StatusNotification,
-                    record);
+    const IEventTracer::TraceRecord record = RecordOf(lastNotified);
+    m_tracer.Trace(delivery.isProgress ? Event::ProgressNotification : Event::StatusNotification,
+                   record);
     callback(delivery.state);
-    m_tracer->Trace(delivery.isProgress ? Event::ProgressNotificationEnd
-                                        : Event::StatusNotificationEnd,
-                    record);
+    m_tracer.Trace(delivery.isProgress ? Event::ProgressNotificationEnd
+                                       : Event::StatusNotificationEnd,
+                   record);
 }
 
 } // namespace Halvex::App

@@ -32,9 +32,10 @@ public:
     using State = IRemoteResource::State;
     using Callback = std::function<void(State)>;
 
-    /// Waiting. The record says what the state belongs to.
-    ActiveState(IEventTracer::TraceRecord record, std::shared_ptr<ITaskQueue> notificationQueue,
-                std::shared_ptr<IEventTracer> tracer);
+    /// Waiting, and that of a resource or of a bundle; the other pointer is null. All must outlive
+    /// the state.
+    ActiveState(const ResourceDescriptor* descriptor, const ResourceDescriptorBundle* bundle,
+                ITaskQueue& notificationQueue, const IEventTracer& tracer);
 
     ActiveState(const ActiveState&) = delete;
     ActiveState& operator=(const ActiveState&) = delete;
@@ -83,6 +84,17 @@ private:
         std::uint64_t registration;
     };
 
+    /// There are as many states as files, and most are never observed: this is made for the first
+    /// observer, and kept.
+    struct Observers {
+        /// Held while one of them is called. Outside every ActiveState's m_mutex.
+        DeliveryLock delivery;
+        /// Both guarded by the state's m_mutex.
+        boost::container::flat_map<IRemoteResourceEventHandler*, HandlerEntry, std::less<>>
+            handlers;
+        std::uint64_t registrations = 0;
+    };
+
     struct Delivery {
         IRemoteResourceEventHandler* handler;
         std::uint64_t registration;
@@ -106,6 +118,7 @@ private:
     /// Null: there has been no observer yet.
     DeliveryLock* FindDeliveryLock() const EXCLUDES(m_mutex);
     DeliveryLock& MakeDeliveryLock() EXCLUDES(m_mutex);
+    IEventTracer::TraceRecord RecordOf(const State& state) const;
     void Change(State state) EXCLUDES(m_mutex);
     void ChangeLocked(State state, Deliveries& due) REQUIRES(m_mutex);
     void CheckAllNotificationsLocked(Deliveries& due) REQUIRES(m_mutex);
@@ -116,18 +129,15 @@ private:
     void Post(Deliveries due);
     void Deliver(const Delivery& delivery) EXCLUDES(m_mutex);
 
-    const IEventTracer::TraceRecord m_record;
-    const std::shared_ptr<ITaskQueue> m_notificationQueue;
-    const std::shared_ptr<IEventTracer> m_tracer;
+    const ResourceDescriptor* const m_descriptor;
+    const ResourceDescriptorBundle* const m_bundle;
+    ITaskQueue& m_notificationQueue;
+    const IEventTracer& m_tracer;
 
     /// Taken with the mutex of a child held, never the other way round.
     mutable Mutex m_mutex;
-    /// Held while an observer is called. Outside every ActiveState's m_mutex. Made for the first
-    /// observer, which most states never get, and kept.
-    std::unique_ptr<DeliveryLock> m_delivery GUARDED_BY(m_mutex);
-    boost::container::flat_map<IRemoteResourceEventHandler*, HandlerEntry, std::less<>>
-        m_handlers GUARDED_BY(m_mutex);
-    std::uint64_t m_registrations GUARDED_BY(m_mutex) = 0;
+    /// Null: there has been no observer yet.
+    std::unique_ptr<Observers> m_observers GUARDED_BY(m_mutex);
     /// In the order of linking.
     boost::container::small_vector<ParentLink, 1> m_parents GUARDED_BY(m_mutex);
     /// Null: there are none, as in most states.

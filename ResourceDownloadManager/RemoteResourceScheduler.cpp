@@ -68,8 +68,8 @@ struct HALVEX_HIDDEN RemoteResourceScheduler::Impl {
     }
 
     ResourceBundle* AddBundleLocked(const ResourceDescriptorBundle* descriptor) REQUIRES(mutex) {
-        bundles.push_back(std::make_unique<ResourceBundle>(descriptor, services.notificationQueue,
-                                                           services.tracer));
+        bundles.push_back(std::make_unique<ResourceBundle>(descriptor, *services.notificationQueue,
+                                                           *services.tracer));
         bundleIndex[descriptor] = bundles.back().get();
         return bundles.back().get();
     }

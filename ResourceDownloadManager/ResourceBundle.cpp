@@ -10,10 +10,8 @@
 namespace Halvex::App {
 
 ResourceBundle::ResourceBundle(const ResourceDescriptorBundle* descriptor,
-                               std::shared_ptr<ITaskQueue> notificationQueue,
-                               std::shared_ptr<IEventTracer> tracer)
-    : m_state({nullptr, descriptor, nullptr, {}}, std::move(notificationQueue), std::move(tracer)),
-      m_descriptor(descriptor) {}
+                               ITaskQueue& notificationQueue, const IEventTracer& tracer)
+    : m_state(nullptr, descriptor, notificationQueue, tracer), m_descriptor(descriptor) {}
 
 void ResourceBundle::AddItem(ResourceItem& item) {
     item.State().AddParent(m_state);

@@ -17,10 +17,9 @@ class ResourceBundle : public IRemoteResource {
 public:
     using Items = std::vector<ResourceItem*>;
 
-    /// The descriptor must outlive the bundle.
-    ResourceBundle(const ResourceDescriptorBundle* descriptor,
-                   std::shared_ptr<ITaskQueue> notificationQueue,
-                   std::shared_ptr<IEventTracer> tracer);
+    /// All must outlive the bundle.
+    ResourceBundle(const ResourceDescriptorBundle* descriptor, ITaskQueue& notificationQueue,
+                   const IEventTracer& tracer);
 
     ResourceBundle(const ResourceBundle&) = delete;
     ResourceBundle& operator=(const ResourceBundle&) = delete;

@@ -40,7 +40,7 @@ ITaskQueue::Priority ToQueuePriority(ISchedulableResource::SchedulePriority prio
 } // namespace
 
 ResourceItem::ResourceItem(const ResourceDescriptor* descriptor, const ItemServices& services)
-    : m_state({descriptor, nullptr, nullptr, {}}, services.notificationQueue, services.tracer),
+    : m_state(descriptor, nullptr, *services.notificationQueue, *services.tracer),
       m_descriptor(descriptor), m_services(services) {}
 
 void ResourceItem::Schedule(SchedulePriority priority) {

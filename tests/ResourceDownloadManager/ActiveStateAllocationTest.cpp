@@ -58,9 +58,9 @@ protected:
     const std::shared_ptr<ITaskQueue> queue = std::make_shared<TaskQueue>();
     const std::shared_ptr<IEventTracer> tracer = std::make_shared<EventTracerStub>();
     NamedHandler handler;
-    ActiveState one{{}, queue, tracer};
-    ActiveState other{{}, queue, tracer};
-    ActiveState item{{}, queue, tracer};
+    ActiveState one{nullptr, nullptr, *queue, *tracer};
+    ActiveState other{nullptr, nullptr, *queue, *tracer};
+    ActiveState item{nullptr, nullptr, *queue, *tracer};
 };
 
 TEST_F(ActiveStateAllocationTest, AChangeThatIsDueForNobodyTakesNoMemory) {

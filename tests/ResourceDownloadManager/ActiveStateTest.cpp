@@ -119,7 +119,7 @@ protected:
     NamedHandler& first = handlers[0];
     NamedHandler& second = handlers[1];
     NamedHandler& third = handlers[2];
-    ActiveState state{{nullptr, &bundle, nullptr, {}}, fakes.notifications, fakes.tracer};
+    ActiveState state{nullptr, &bundle, *fakes.notifications, *fakes.tracer};
 };
 
 // The state itself.
@@ -156,16 +156,16 @@ TEST_F(ActiveStateTest, TheProgressOfNothingOfNothingIsNotANumber) {
     EXPECT_EQ(Describe(state.GetState()), "Dowloading NoError nan");
 }
 
-TEST_F(ActiveStateTest, ItsRecordIsTheGivenOneWithACopyOfTheState) {
+TEST_F(ActiveStateTest, ItsRecordSaysWhatItBelongsToWithACopyOfTheState) {
     ResourceDescriptor descriptor;
-    ActiveState other({&descriptor, &bundle, nullptr, "text"}, fakes.notifications, fakes.tracer);
+    ActiveState other(&descriptor, &bundle, *fakes.notifications, *fakes.tracer);
     other.SetProgress(1, 4);
     IRemoteResource::State snapshot;
     const IEventTracer::TraceRecord record = other.GetTraceRecord(snapshot);
     other.SetAvailable();
     EXPECT_EQ(record.descriptor, &descriptor);
     EXPECT_EQ(record.bundle, &bundle);
-    EXPECT_EQ(record.text, "text");
+    EXPECT_EQ(record.text, "");
     EXPECT_EQ(record.state, &snapshot);
     EXPECT_EQ(Describe(snapshot), "Dowloading NoError 0.25");
 }
@@ -624,8 +624,8 @@ protected:
         child.AddParent(parent);
         child.CheckAllNotifications();
     }
-    ActiveState one{{}, fakes.notifications, fakes.tracer};
-    ActiveState other{{}, fakes.notifications, fakes.tracer};
+    ActiveState one{nullptr, nullptr, *fakes.notifications, *fakes.tracer};
+    ActiveState other{nullptr, nullptr, *fakes.notifications, *fakes.tracer};
 };
 
 TEST_F(ActiveStateFamily, AnOnlyChildIsMirrored) {
@@ -685,7 +685,7 @@ TEST_F(ActiveStateFamily, TwoChildrenAreAggregated) {
 }
 
 TEST_F(ActiveStateFamily, AChildMayHaveSeveralParents) {
-    ActiveState bigger{{}, fakes.notifications, fakes.tracer};
+    ActiveState bigger{nullptr, nullptr, *fakes.notifications, *fakes.tracer};
     Link(one, state);
     Link(one, bigger);
     Link(other, bigger);
@@ -695,7 +695,7 @@ TEST_F(ActiveStateFamily, AChildMayHaveSeveralParents) {
 }
 
 TEST_F(ActiveStateFamily, AChangeReachesGrandparents) {
-    ActiveState grandparent{{}, fakes.notifications, fakes.tracer};
+    ActiveState grandparent{nullptr, nullptr, *fakes.notifications, *fakes.tracer};
     Link(one, state);
     Link(state, grandparent);
     one.SetAvailable();
@@ -724,8 +724,8 @@ TEST_F(ActiveStateFamily, ANotNumberOfOneChildIsToldAndLeavesNoTrace) {
 }
 
 TEST_F(ActiveStateFamily, TheChildsObserversComeBeforeThoseOfItsParentsInTheOrderOfLinking) {
-    ActiveState earlier{{}, fakes.notifications, fakes.tracer};
-    ActiveState later{{}, fakes.notifications, fakes.tracer};
+    ActiveState earlier{nullptr, nullptr, *fakes.notifications, *fakes.tracer};
+    ActiveState later{nullptr, nullptr, *fakes.notifications, *fakes.tracer};
     one.AddParent(later);
     one.AddParent(earlier);
     const auto add = [this](ActiveState& observed, NamedHandler& handler, const char* name) {
@@ -743,7 +743,7 @@ TEST_F(ActiveStateFamily, TheChildsObserversComeBeforeThoseOfItsParentsInTheOrde
 
 TEST_F(ActiveStateFamily, AllNotificationsGoToTheQueueOfTheStateThatChanged) {
     const auto childsQueue = std::make_shared<FakeTaskQueue>(fakes.recorder, "child's");
-    ActiveState child{{}, childsQueue, fakes.tracer};
+    ActiveState child{nullptr, nullptr, *childsQueue, *fakes.tracer};
     Link(child, state);
     Observe(first, {true, {Status::Available}, 0.01});
     child.SetAvailable();
@@ -795,8 +795,8 @@ TEST_F(ActiveStateFamily, ARepeatedCheckTellsAgainOnlyWhatItsFilterLetsThrough) 
 TEST_F(ActiveStateFamily, AFamilyOfManyIsExactlyDoneWhenAllAre) {
     std::vector<std::unique_ptr<ActiveState>> children;
     for (int i = 0; i < 100; ++i) {
-        children.push_back(std::make_unique<ActiveState>(IEventTracer::TraceRecord{},
-                                                         fakes.notifications, fakes.tracer));
+        children.push_back(
+            std::make_unique<ActiveState>(nullptr, nullptr, *fakes.notifications, *fakes.tracer));
         Link(*children.back(), state);
     }
     for (const auto& child : children) {

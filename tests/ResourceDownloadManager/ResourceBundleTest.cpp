@@ -76,7 +76,7 @@ protected:
     std::array<ResourceDescriptor, 3> descriptors;
     std::array<std::unique_ptr<ResourceItem>, 3> items;
     ResourceDescriptorBundle descriptor;
-    ResourceBundle bundle{&descriptor, fakes.notifications, fakes.tracer};
+    ResourceBundle bundle{&descriptor, *fakes.notifications, *fakes.tracer};
     FakeObserver observer;
 };
 
@@ -130,7 +130,7 @@ TEST_F(ResourceBundleTest, TellsOfItsItemsStatesWhenAllAreLinkedInTheOrderOfThei
     std::vector<std::size_t> heard;
     for (std::size_t i = 0; i < items.size(); ++i) {
         ResourceBundle& other = *others.emplace_back(
-            std::make_unique<ResourceBundle>(&descriptor, fakes.notifications, fakes.tracer));
+            std::make_unique<ResourceBundle>(&descriptor, *fakes.notifications, *fakes.tracer));
         other.AddItem(*items[i]);
         Set(Item(i), Status::Dowloading);
         // Every state that is pushed up is due, changed or not.
@@ -295,7 +295,7 @@ TEST_F(ResourceBundleTest, TellsItsOwnStateNotThatOfTheItem) {
 
 TEST_F(ResourceBundleTest, TellsAnObserverOfSeveralBundlesWhichOneItIs) {
     ResourceDescriptorBundle otherDescriptor;
-    ResourceBundle other(&otherDescriptor, fakes.notifications, fakes.tracer);
+    ResourceBundle other(&otherDescriptor, *fakes.notifications, *fakes.tracer);
     bundle.RegisterEventHandler(&observer, {});
     other.RegisterEventHandler(&observer, {});
     fakes.notifications->ExecAll();

@@ -46,7 +46,7 @@ using Testing::WaitUntil;
 class FakeResource : public IRemoteResource {
 public:
     explicit FakeResource(std::shared_ptr<App::ITaskQueue> notificationQueue)
-        : m_state({}, std::move(notificationQueue), std::make_shared<App::EventTracerStub>()) {}
+        : m_notificationQueue(std::move(notificationQueue)) {}
 
     void SetProgress(std::uint64_t done, std::uint64_t total = 100) {
         m_state.SetProgress(done, total);
@@ -74,7 +74,9 @@ public:
 
 private:
     const App::ResourceDescriptorBundle m_bundle;
-    ActiveState m_state;
+    const std::shared_ptr<App::ITaskQueue> m_notificationQueue;
+    const App::EventTracerStub m_tracer;
+    ActiveState m_state{nullptr, &m_bundle, *m_notificationQueue, m_tracer};
     std::atomic<int> m_observers{0};
 };
 
