@@ -1,5 +1,6 @@
 #include "Networking/BodySink.h"
 
+#include <algorithm>
 #include <limits>
 #include <utility>
 
@@ -22,11 +23,16 @@ bool BodySink::Take(std::string_view bytes) {
         return fits;
     }
     if (m_pending.empty())
-        m_pending.reserve(kPieceBytes + bytes.size());
+        m_pending.reserve(bytes.size() + std::min(kPieceBytes, BytesToCome()));
     m_pending.append(bytes);
     if (m_pending.size() >= kPieceBytes)
         Flush();
     return fits;
+}
+
+std::size_t BodySink::BytesToCome() const {
+    const std::int64_t end = std::min(m_end, m_total.value_or(m_end));
+    return static_cast<std::size_t>(std::max<std::int64_t>(end - m_received, 0));
 }
 
 void BodySink::Flush() {

@@ -36,6 +36,9 @@ public:
     void ReportProgress();
 
 private:
+    /// As far as it is known.
+    std::size_t BytesToCome() const;
+
     const Options& m_options;
     std::string& m_body;
     std::string m_pending;

@@ -14,6 +14,7 @@
 #include <functional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace Halvex::Networking {
 
@@ -92,7 +93,8 @@ public:
     /// Carries it out. What a callback of the options throws comes out.
     ExchangeEnd Run();
 
-    const ResponseHead& Head() const { return m_head; }
+    /// To be called once, after Run.
+    ResponseHead TakeHead() { return std::move(m_head); }
     /// Whether the body was delivered, as far as it came.
     bool HasDelivered() const { return m_judged && m_verdict == Verdict::Deliver; }
     /// Why it did not complete, for people.

@@ -256,7 +256,7 @@ private:
         if (MayRaiseSigpipe())
             block.emplace();
         m_end = exchange.Run();
-        m_head = exchange.Head();
+        m_head = exchange.TakeHead();
         m_delivered = exchange.HasDelivered();
         m_text = exchange.ErrorText();
         if (m_end == ExchangeEnd::Complete && m_delivered && IsShort())
@@ -334,9 +334,9 @@ private:
     Response Conclude() {
         m_sink.Flush();
         m_response.status = m_head.Status();
-        m_response.headers = m_head.Headers();
         m_response.cookies = m_head.Cookies();
         m_response.contentType = m_head.Find("Content-Type");
+        m_response.headers = m_head.TakeHeaders();
         m_response.effectiveUrl = m_url;
         if (m_end == ExchangeEnd::Complete && !m_delivered)
             Fail("HTTP status " + m_head.StatusText());

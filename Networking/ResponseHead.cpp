@@ -11,6 +11,8 @@ namespace Halvex::Networking {
 namespace {
 
 constexpr std::string_view kBlanks = " \t\r\n";
+/// As many as most servers send; more cost a copy.
+constexpr std::size_t kUsualFields = 16;
 
 std::string_view Trimmed(std::string_view text) {
     const std::size_t begin = text.find_first_not_of(kBlanks);
@@ -59,6 +61,7 @@ void ResponseHead::AddLine(std::string_view line) {
     const bool maybeStatus = !m_begun || (m_complete && m_status < 200);
     if (maybeStatus && line.substr(0, 5) == "HTTP/") {
         *this = ResponseHead();
+        m_headers.reserve(kUsualFields);
         m_begun = true;
         m_isHttp1 = line.substr(0, 7) == "HTTP/1.";
         const std::size_t blank = std::min(line.find(' '), line.size());

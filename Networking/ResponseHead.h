@@ -34,7 +34,8 @@ public:
     std::int32_t Status() const { return m_status; }
     /// Such as "404 Not Found", fit for a log: not too long, and without control characters.
     const std::string& StatusText() const { return m_statusText; }
-    const std::vector<std::pair<std::string, std::string>>& Headers() const { return m_headers; }
+    /// The fields in their order, names as they came. Leaves none behind.
+    std::vector<std::pair<std::string, std::string>> TakeHeaders() { return std::move(m_headers); }
     /// The cookies that the server sets, name and value.
     std::vector<std::pair<std::string, std::string>> Cookies() const;
 

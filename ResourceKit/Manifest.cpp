@@ -2,6 +2,7 @@
 
 #include "ResourceKit/Complaint.h"
 #include "ResourceKit/OpenFile.h"
+#include "ResourceKit/PathRules.h"
 
 #include <cerrno>
 #include <filesystem>
@@ -58,17 +59,17 @@ ExpectedFileLookup Manifest::Expected() const {
 }
 
 std::vector<std::string> Manifest::MakeFolders() const {
-    std::set<std::filesystem::path> folders;
+    std::set<std::string> folders;
     for (const File& file : m_files)
-        folders.insert(std::filesystem::path(file.descriptor.localPath.string()).parent_path());
+        folders.insert(FolderOf(file.descriptor.localPath.string()));
     std::vector<std::string> messages;
     // An empty path is the current folder.
-    folders.erase(std::filesystem::path());
-    for (const std::filesystem::path& folder : folders) {
+    folders.erase(std::string());
+    for (const std::string& folder : folders) {
         std::error_code error;
         std::filesystem::create_directories(folder, error);
         if (error)
-            messages.push_back("cannot make folder=" + folder.string() + ": " + error.message());
+            messages.push_back("cannot make folder=" + folder + ": " + error.message());
     }
     return messages;
 }

@@ -5,7 +5,6 @@
 #include "ResourceKit/UrlRules.h"
 
 #include <algorithm>
-#include <filesystem>
 #include <limits>
 #include <random>
 #include <utility>
@@ -88,8 +87,7 @@ App::ResourceDescriptor ManifestBuilder::Describe(const File& file,
     App::ResourceDescriptor descriptor;
     descriptor.userData = number;
     descriptor.localPath = m_options.folder / App::ioPath(localPath);
-    const App::ioPath folder(
-        std::filesystem::path(descriptor.localPath.string()).parent_path().string());
+    const App::ioPath folder(FolderOf(descriptor.localPath.string()));
     descriptor.tempPath = folder / App::ioPath(name);
     descriptor.downloadPath = descriptor.localPath;
     if (m_options.keepsOldCopies) {

@@ -2,6 +2,7 @@
 
 #include "ResourceKit/Text.h"
 
+#include <algorithm>
 #include <string_view>
 
 namespace Halvex::Kit {
@@ -44,6 +45,14 @@ CheckedPath CheckPath(const std::string& path) {
     if (path.back() == '/' || part == ".")
         return Refused(path, "names a folder, not a file");
     return {normal, {}};
+}
+
+std::string FolderOf(const std::string& path) {
+    const std::size_t slash = path.rfind('/');
+    if (slash == std::string::npos)
+        return {};
+    // The root's slash is its name.
+    return path.substr(0, std::max<std::size_t>(slash, 1));
 }
 
 } // namespace Halvex::Kit

@@ -16,4 +16,7 @@ struct CheckedPath {
 /// no control character, no empty name. Touches no disk.
 CheckedPath CheckPath(const std::string& path);
 
+/// The folder of what a path names; empty: the current one. Touches no disk.
+std::string FolderOf(const std::string& path);
+
 } // namespace Halvex::Kit

@@ -44,6 +44,34 @@ TEST_F(BodySinkTest, HandsOnALargePieceAtOnce) {
     EXPECT_THAT(m_pieces, ElementsAre(large));
 }
 
+TEST_F(BodySinkTest, TakesMemoryForWhatIsToComeUpToAPiece) {
+    std::size_t capacity = 0;
+    m_options.dataCallback = [&](const std::string& piece) {
+        capacity = piece.capacity();
+    };
+    m_sink.SetTotal(3000);
+    m_sink.Take(std::string(1000, 'x'));
+    m_sink.Flush();
+    EXPECT_EQ(capacity, 3000);
+
+    m_sink.SetTotal(std::int64_t{1} << 40);
+    m_sink.Take("a");
+    m_sink.Flush();
+    EXPECT_EQ(capacity, 256 * 1024 + 1);
+}
+
+TEST_F(BodySinkTest, TakesMemoryForWhatAPartMayBring) {
+    std::size_t capacity = 0;
+    m_options.dataCallback = [&](const std::string& piece) {
+        capacity = piece.capacity();
+    };
+    m_sink.SetTotal(3000);
+    m_sink.SetEnd(2000);
+    m_sink.Take("a");
+    m_sink.Flush();
+    EXPECT_EQ(capacity, 2000);
+}
+
 TEST_F(BodySinkTest, HandsOnNothingTwice) {
     m_sink.Take("a");
     m_sink.Flush();

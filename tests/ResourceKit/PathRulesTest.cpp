@@ -40,5 +40,11 @@ TEST(PathRules, RefuseControlCharactersAndShowThemEscaped) {
               "path \"a\\u0000b\" has a control character");
 }
 
+TEST(PathRules, TellTheFolderOfAPath) {
+    EXPECT_EQ(FolderOf("a/b/c"), "a/b");
+    EXPECT_EQ(FolderOf("/a"), "/");
+    EXPECT_EQ(FolderOf("a"), "");
+}
+
 } // namespace
 } // namespace Halvex::Kit

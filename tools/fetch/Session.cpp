@@ -77,12 +77,13 @@ App::IRemoteResourceScheduler& Session::SchedulerOf(std::size_t bundle) const {
 }
 
 void Session::RegisterFiles() {
+    const IRemoteResource::NotificationParams params = FileObserver::Params();
     for (const Kit::Manifest::File& file : m_manifest.Files()) {
         App::ResourceDescriptorBundle& alone = m_alone.emplace_back();
         alone.descriptors.insert(&file.descriptor);
         alone.userData = file.descriptor.userData;
         IRemoteResource* resource = SchedulerOf(file.bundle).Register(&alone);
-        resource->RegisterEventHandler(&m_observer, FileObserver::Params());
+        resource->RegisterEventHandler(&m_observer, params);
         m_files.push_back(resource);
     }
 }
