@@ -61,7 +61,11 @@ struct HALVEX_HIDDEN RemoteResourceScheduler::Impl {
         if (known != bundleIndex.end())
             return known->second;
         ResourceBundle* bundle = AddBundleLocked(descriptor);
-        for (const ResourceDescriptor* member : descriptor->descriptors)
+        const auto& members = descriptor->descriptors;
+        // At once, when there is that much to come: to grow, the index goes through all its items.
+        if (members.size() > items.size())
+            items.reserve(items.size() + members.size());
+        for (const ResourceDescriptor* member : members)
             bundle->AddItem(ItemLocked(member));
         bundle->Complete();
         return bundle;
