@@ -29,20 +29,23 @@ class Workload:
     time, MiB. None: not judged."""
 
     def __init__(self, name, files, size, wall, cpu=None, memory=None, secure=False, jobs=8,
-                 delay=0, to_disk=False, runs=5):
+                 delay=0, to_disk=False, runs=5, layers=()):
         self.name, self.files, self.size, self.runs = name, files, size, runs
+        # What is measured beside the programs, and not judged: parts of the library.
+        self.layers = layers
         self.wall, self.cpu, self.memory = wall, cpu, memory
         self.secure, self.jobs, self.delay, self.to_disk = secure, jobs, delay, to_disk
 
 
 WORKLOADS = [
-    Workload("20,000 files of 16 KiB", 20000, 16 * KIB, 0.95, 1.5, 64),
+    Workload("20,000 files of 16 KiB", 20000, 16 * KIB, 0.95, 1.5, 64,
+             layers=("bare", "client", "downloader", "proxy")),
     Workload("400 files of 1 MiB", 400, MIB, 0.95, 1.2, 48),
     Workload("4 files of 1 GiB", 4, GIB, 1.0, 1.1, 32, runs=3),
     Workload("20,000 files of 16 KiB, https", 20000, 16 * KIB, 1.0, 1.5, 64, secure=True),
     Workload("4 files of 1 GiB, https", 4, GIB, 1.0, 1.1, 32, secure=True, runs=3),
     Workload("2,000 files of 16 KiB, 20 ms round trip, 50 at a time", 2000, 16 * KIB, 0.9, jobs=50,
-             delay=20),
+             delay=20, layers=("bare",)),
     Workload("400 files of 1 MiB to disk, synced", 400, MIB, 1.2, to_disk=True),
 ]
 
@@ -80,7 +83,7 @@ def trust(folder):
 
 
 def commands_for(workload, build, urls, output, folder):
-    """The programs to compare, by name; ours is the first."""
+    """The programs to compare, by name; ours is the first. Layers stand in brackets."""
     jobs = str(workload.jobs)
     listing = folder / "urls"
     listing.write_text("".join(url + "\n" for url in urls))
@@ -97,6 +100,9 @@ def commands_for(workload, build, urls, output, folder):
                               "--file-allocation=none", f"--ca-certificate={STORE}"]
         commands["wget2"] = ["wget2", "-q", f"--max-threads={jobs}", "-i", listing, "-P", output,
                              f"--ca-certificate={STORE}"]
+    for layer in workload.layers:
+        commands[f"({layer})"] = [build / "benchmarks/HalvexDownloadLayers", layer, jobs, output,
+                                  listing]
     return {name: list(map(str, command)) for name, command in commands.items()}
 
 
@@ -110,7 +116,8 @@ def judged(value, limit):
 def report(workload, costs):
     """Prints the medians and the verdict; gives what is kept."""
     ours = costs["halvex-fetch"]
-    best = min((name for name in costs if name != "halvex-fetch"), key=lambda n: costs[n].wall)
+    peers = [name for name in costs if name != "halvex-fetch" and not name.startswith("(")]
+    best = min(peers, key=lambda name: costs[name].wall)
     print(f"\n{workload.name}")
     for name, cost in costs.items():
         print(f"  {name:13} wall {cost.wall:7.3f} s   cpu {cost.cpu:7.3f} s   "
