@@ -11,7 +11,7 @@ namespace Halvex::Networking {
 namespace {
 
 constexpr std::string_view kBlanks = " \t\r\n";
-/// As many as most servers send; more cost a copy.
+/// As many as most servers send: none has to be moved when the next one comes.
 constexpr std::size_t kUsualFields = 16;
 
 std::string_view Trimmed(std::string_view text) {

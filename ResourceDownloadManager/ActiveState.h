@@ -32,8 +32,8 @@ public:
     using State = IRemoteResource::State;
     using Callback = std::function<void(State)>;
 
-    /// Waiting, and that of a resource or of a bundle; the other pointer is null. All must outlive
-    /// the state.
+    /// Waiting. Traces say that it is the descriptor's or the bundle's; null: it is not. All must
+    /// outlive the state.
     ActiveState(const ResourceDescriptor* descriptor, const ResourceDescriptorBundle* bundle,
                 ITaskQueue& notificationQueue, const IEventTracer& tracer);
 

@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <functional>
-#include <utility>
 
 namespace Halvex::App {
 

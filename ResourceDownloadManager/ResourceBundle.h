@@ -3,7 +3,6 @@
 #include "ResourceDownloadManager/ActiveState.h"
 #include "ResourceDownloadManager/IRemoteResource.h"
 
-#include <memory>
 #include <vector>
 
 namespace Halvex::App {

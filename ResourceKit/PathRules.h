@@ -16,7 +16,8 @@ struct CheckedPath {
 /// no control character, no empty name. Touches no disk.
 CheckedPath CheckPath(const std::string& path);
 
-/// The folder of what a path names; empty: the current one. Touches no disk.
+/// The folder of a file, by its path, in which one slash stands before the name. Empty: the current
+/// folder. Touches no disk.
 std::string FolderOf(const std::string& path);
 
 } // namespace Halvex::Kit

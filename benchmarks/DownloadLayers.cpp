@@ -3,7 +3,8 @@
 //     HalvexDownloadLayers LAYER THREADS FOLDER LIST
 //
 // LAYER is one of
-//     bare        libcurl, and the calls that keep a file whole: nothing of the library
+//     bare        libcurl, and what keeps a file whole: nothing of the library
+//     calls       libcurl, and the calls that the library's downloader makes for a file
 //     client      the same calls, and the library's HTTP client
 //     downloader  the library's downloader
 //     proxy       the same, which asks for the system's proxy
@@ -64,35 +65,64 @@ int Checked(int result, const char* call) {
     return result;
 }
 
+int Create(const std::string& path) {
+    const int flags = O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC;
+    return Checked(::open(path.c_str(), flags, 0666), "open");
+}
+
+void WriteAll(int descriptor, const std::string& bytes) {
+    if (::write(descriptor, bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size()))
+        throw std::runtime_error("write");
+}
+
 void Look(const std::string& path) {
     struct stat status {};
     (void)::stat(path.c_str(), &status);
 }
 
-/// A file as the library's downloader writes it, call by call: what is there is looked for, and the
-/// bytes are on the disk before the name is there.
+void Rename(const Paths& paths) {
+    Checked(::rename(paths.temporary.c_str(), paths.destination.c_str()), "rename");
+}
+
+/// A file that is there whole or not at all: its bytes are on the disk before its name is there.
 class WholeFile {
 public:
-    explicit WholeFile(const Paths& paths) : m_paths(paths) {
-        Look(paths.destination);
-        Look(paths.folder);
-        Look(paths.temporary);
-        Look(paths.destination);
-        m_descriptor = Checked(::open(paths.temporary.c_str(),
-                                      O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0666),
-                               "open");
+    explicit WholeFile(const Paths& paths)
+        : m_paths(paths), m_descriptor(Create(paths.temporary)) {}
+
+    void Write(const std::string& bytes) const { WriteAll(m_descriptor, bytes); }
+
+    void Finish() const {
+        Checked(::fdatasync(m_descriptor), "fdatasync");
+        Checked(::close(m_descriptor), "close");
+        Rename(m_paths);
     }
 
-    void Write(const std::string& bytes) const {
-        if (::write(m_descriptor, bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size()))
-            throw std::runtime_error("write");
+private:
+    const Paths& m_paths;
+    const int m_descriptor;
+};
+
+/// The same with all the calls that the library's item and downloader make: old files are looked
+/// for at each path, only a regular file is written to, and one that fails is never synced.
+class LibrarysFile {
+public:
+    explicit LibrarysFile(const Paths& paths) : m_paths(paths) {
+        for (const std::string& path :
+             {paths.destination, paths.folder, paths.temporary, paths.destination})
+            Look(path);
+        m_descriptor = Create(paths.temporary);
+        struct stat status {};
+        Checked(::fstat(m_descriptor, &status), "fstat");
     }
+
+    void Write(const std::string& bytes) const { WriteAll(m_descriptor, bytes); }
 
     void Finish() const {
         Checked(::close(m_descriptor), "close");
         const int source = Checked(::open(m_paths.temporary.c_str(), O_RDONLY | O_CLOEXEC), "open");
         Checked(::fdatasync(source), "fdatasync");
-        Checked(::rename(m_paths.temporary.c_str(), m_paths.destination.c_str()), "rename");
+        Rename(m_paths);
         Checked(::close(source), "close");
         Look(m_paths.temporary);
     }
@@ -107,6 +137,8 @@ std::size_t Append(char* data, std::size_t size, std::size_t count, void* body) 
     return size * count;
 }
 
+/// File: WholeFile or LibrarysFile.
+template <typename File>
 MakeDownload Bare() {
     return [] {
         const std::shared_ptr<CURL> easy(curl_easy_init(), &curl_easy_cleanup);
@@ -117,7 +149,7 @@ MakeDownload Bare() {
         curl_easy_setopt(easy.get(), CURLOPT_WRITEFUNCTION, &Append);
         curl_easy_setopt(easy.get(), CURLOPT_WRITEDATA, body.get());
         return [easy, body](const std::string& url, const Paths& paths) {
-            const WholeFile file(paths);
+            const File file(paths);
             body->clear();
             curl_easy_setopt(easy.get(), CURLOPT_URL, url.c_str());
             const CURLcode result = curl_easy_perform(easy.get());
@@ -137,7 +169,7 @@ MakeDownload Client() {
     const std::shared_ptr<IHttpClient> client = NativeClient();
     return [client] {
         return [client](const std::string& url, const Paths& paths) {
-            const WholeFile file(paths);
+            const LibrarysFile file(paths);
             Halvex::Networking::Request request;
             request.url = Halvex::Networking::Url(url);
             Halvex::Networking::Options options;
@@ -183,7 +215,9 @@ MakeDownload Downloader(const std::shared_ptr<IProxyProvider>& proxyProvider) {
 
 MakeDownload With(const std::string& layer) {
     if (layer == "bare")
-        return Bare();
+        return Bare<WholeFile>();
+    if (layer == "calls")
+        return Bare<LibrarysFile>();
     if (layer == "client")
         return Client();
     if (layer == "downloader")

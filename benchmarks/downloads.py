@@ -4,7 +4,9 @@
     benchmarks/downloads.py BUILD_FOLDER [--quick] [--json FILE]
 
 nginx serves from memory on loopback, and files are written to memory unless it is said otherwise.
-The programs run in turn, several times; the medians are compared. Needs curl, aria2c and wget2.
+The programs run in turn, several times; the medians are compared. Needs curl, aria2c and wget2, and
+of the build halvex-fetch, HalvexDelayProxy and HalvexDownloadLayers, which shows what the library's
+layers take of it.
 For https the certificate is put into the system's store of this process alone, which takes the
 right to mount; without it those workloads are left out.
 """
@@ -39,10 +41,11 @@ class Workload:
 
 WORKLOADS = [
     Workload("20,000 files of 16 KiB", 20000, 16 * KIB, 0.95, 1.5, 64,
-             layers=("bare", "client", "downloader", "proxy")),
+             layers=("bare", "calls", "client", "downloader", "proxy")),
     Workload("400 files of 1 MiB", 400, MIB, 0.95, 1.2, 48),
     Workload("4 files of 1 GiB", 4, GIB, 1.0, 1.1, 32, runs=3),
-    Workload("20,000 files of 16 KiB, https", 20000, 16 * KIB, 1.0, 1.5, 64, secure=True),
+    Workload("20,000 files of 16 KiB, https", 20000, 16 * KIB, 1.0, 1.5, 64, secure=True,
+             layers=("bare",)),
     Workload("4 files of 1 GiB, https", 4, GIB, 1.0, 1.1, 32, secure=True, runs=3),
     Workload("2,000 files of 16 KiB, 20 ms round trip, 50 at a time", 2000, 16 * KIB, 0.9, jobs=50,
              delay=20, layers=("bare",)),
