@@ -7,6 +7,8 @@
 
 #include <algorithm>
 #include <cctype>
+#include <string_view>
+#include <unordered_set>
 #include <utility>
 
 namespace Halvex::Kit {
@@ -172,13 +174,14 @@ private:
             return false;
         }
         bool good = true;
-        for (auto member = node.members.begin(); member != node.members.end(); ++member) {
-            if (Find(node, member->first) != &member->second) {
-                m_builder.Refuse(member->second.line,
-                                 what + " has the field " + Quoted(member->first) + " twice");
-                good = false;
+        std::unordered_set<std::string_view> known;
+        for (const auto& member : node.members) {
+            if (known.insert(member.first).second) {
+                good = CheckField(member, what, fields) && good;
             } else {
-                good = CheckField(*member, what, fields) && good;
+                m_builder.Refuse(member.second.line,
+                                 what + " has the field " + Quoted(member.first) + " twice");
+                good = false;
             }
         }
         for (const Field& field : fields) {

@@ -3,11 +3,16 @@
 #include "ResourceKit/Text.h"
 
 #include <algorithm>
+#include <climits>
+#include <string>
 #include <string_view>
 
 namespace Halvex::Kit {
 
 namespace {
+
+/// The end of a text, which the system counts as well, not included.
+constexpr std::size_t kLongestPath = PATH_MAX - 1;
 
 CheckedPath Refused(const std::string& path, const char* reason) {
     return {{}, "path " + Quoted(path) + ' ' + reason};
@@ -26,6 +31,10 @@ std::string_view TakePart(std::string_view& rest) {
 CheckedPath CheckPath(const std::string& path) {
     if (path.empty())
         return Refused(path, "is empty");
+    if (path.size() > kLongestPath)
+        return {{},
+                "path of " + std::to_string(path.size()) + " bytes is too long, the system takes " +
+                    std::to_string(kLongestPath)};
     if (HasControlCharacters(path))
         return Refused(path, "has a control character");
     if (path.front() == '/')

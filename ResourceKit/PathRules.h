@@ -13,7 +13,7 @@ struct CheckedPath {
 };
 
 /// Accepts what names a file below the output folder, and nothing else: no absolute path, no "..",
-/// no control character, no empty name. Touches no disk.
+/// no control character, no empty name, nothing that is longer than paths can be. Touches no disk.
 CheckedPath CheckPath(const std::string& path);
 
 /// The folder of a file, by its path, in which one slash stands before the name. Empty: the current

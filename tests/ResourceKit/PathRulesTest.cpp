@@ -34,6 +34,12 @@ TEST(PathRules, RefuseWhatNamesNoFile) {
         EXPECT_NE(CheckPath(path).problem.find("names a folder"), std::string::npos) << path;
 }
 
+TEST(PathRules, RefuseWhatIsLongerThanPathsCanBe) {
+    EXPECT_EQ(CheckPath(std::string(4095, 'a')).problem, "");
+    EXPECT_EQ(CheckPath(std::string(4096, 'a')).problem,
+              "path of 4096 bytes is too long, the system takes 4095");
+}
+
 TEST(PathRules, RefuseControlCharactersAndShowThemEscaped) {
     EXPECT_EQ(CheckPath("a\nb").problem, "path \"a\\nb\" has a control character");
     EXPECT_EQ(CheckPath(std::string("a\0b", 3)).problem,
