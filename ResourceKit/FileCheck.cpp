@@ -1,6 +1,6 @@
 #include "ResourceKit/FileCheck.h"
 
-#include "ResourceKit/OpenFile.h"
+#include "ResourceKit/FileCheckInternal.h"
 
 #include <openssl/evp.h>
 
@@ -98,7 +98,11 @@ std::string LowerCase(std::string text) {
 
 FileFinding CheckFile(const App::ioPath& path, const ExpectedFile& expected,
                       const StopQuery& stop) {
-    const OpenFile file(path);
+    return CheckOpenFile(OpenFile(path), expected, stop);
+}
+
+FileFinding CheckOpenFile(const OpenFile& file, const ExpectedFile& expected,
+                          const StopQuery& stop) {
     if (file.Error() != 0)
         return NotOpened(file.Error());
     const std::optional<std::uint64_t> size = file.Size();

@@ -32,6 +32,20 @@ public:
         return static_cast<std::uint64_t>(status.st_size);
     }
 
+    /// Whether it is what the path names now.
+    bool IsAt(const App::ioPath& path) const {
+        struct stat own {};
+        struct stat named {};
+        return ::fstat(m_file.Get(), &own) == 0 && ::stat(path.string().c_str(), &named) == 0 &&
+               own.st_dev == named.st_dev && own.st_ino == named.st_ino;
+    }
+
+    /// Belongs to this object.
+    int Descriptor() const { return m_file.Get(); }
+
+    /// To the beginning. False: this cannot be read twice.
+    bool Rewind() const { return ::lseek(m_file.Get(), 0, SEEK_SET) == 0; }
+
     /// The bytes read; 0 at the end, negative after a failure.
     ssize_t Read(std::vector<char>& buffer) const {
         ssize_t count = 0;

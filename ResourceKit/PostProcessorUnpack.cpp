@@ -3,6 +3,7 @@
 #include "ResourceDownloadManager/ResourceDescriptor.h"
 #include "ResourceKit/Complaint.h"
 #include "ResourceKit/EntryTree.h"
+#include "ResourceKit/FileCheckInternal.h"
 #include "ResourceKit/StagingFolder.h"
 
 #include <archive.h>
@@ -138,23 +139,25 @@ Complaint AddEntries(archive* reader, EntryTree& tree, const StopQuery& stop) {
 
 struct HALVEX_HIDDEN PostProcessorUnpack::Impl {
     Complaint Unpack(const App::ioPath& file, const Target& target) const {
-        const FileFinding finding = CheckFile(file, target.archive, stop);
+        const OpenFile archive(file);
+        const FileFinding finding = CheckOpenFile(archive, target.archive, stop);
         if (finding.verdict != FileFinding::Verdict::Good)
             return finding.message;
+        if (!archive.Rewind())
+            return "it cannot be read twice";
         StagingFolder staging;
         if (Complaint complaint = staging.Make(target.folder.string()))
             return complaint;
         EntryTree tree(staging.Descriptor(), limits);
-        if (Complaint complaint = UnpackTo(tree, file))
+        if (Complaint complaint = UnpackTo(tree, archive))
             return complaint;
         return staging.TakePlace();
     }
 
-    Complaint UnpackTo(EntryTree& tree, const App::ioPath& file) const {
+    Complaint UnpackTo(EntryTree& tree, const OpenFile& file) const {
         const Utf8Names names;
         const Reader reader = MakeReader();
-        if (archive_read_open_filename(reader.get(), file.string().c_str(), kPieceBytes) !=
-            ARCHIVE_OK)
+        if (archive_read_open_fd(reader.get(), file.Descriptor(), kPieceBytes) != ARCHIVE_OK)
             return ErrorOf(reader.get());
         return AddEntries(reader.get(), tree, stop);
     }

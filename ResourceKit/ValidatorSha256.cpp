@@ -2,6 +2,7 @@
 
 #include "ResourceDownloadManager/FileUtils.h"
 #include "ResourceDownloadManager/ResourceDescriptor.h"
+#include "ResourceKit/FileCheckInternal.h"
 
 #include <glog/logging.h>
 
@@ -27,12 +28,15 @@ ValidatorSha256::ValidatorSha256(ExpectedFileLookup expected, StopQuery stop)
 
 std::int32_t ValidatorSha256::Validate(const App::ResourceDescriptor* descriptor) {
     const App::ioPath& path = descriptor->localPath;
-    const FileFinding finding = CheckFile(path, m_expected(*descriptor), m_stop);
+    const OpenFile file(path);
+    const FileFinding finding = CheckOpenFile(file, m_expected(*descriptor), m_stop);
     if (finding.verdict == Verdict::Good)
         return kAccepted;
     if (finding.verdict == Verdict::Stopped)
         return kRejected;
-    const bool removes = IsAnotherFile(finding.verdict) && path == descriptor->downloadPath;
+    // Another check of the same resource may have put a better one there.
+    const bool removes =
+        IsAnotherFile(finding.verdict) && path == descriptor->downloadPath && file.IsAt(path);
     LOG(WARNING) << (removes ? "removing" : "rejecting") << " file=" << path << ": "
                  << finding.message;
     if (removes)

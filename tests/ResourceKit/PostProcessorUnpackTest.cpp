@@ -25,6 +25,7 @@
 #include <regex>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <fcntl.h>
@@ -484,6 +485,21 @@ TEST_F(PostProcessorUnpackTest, FailsWhenItCannotWrite) {
     Tar().File("small", "content").File("large", SomeBytes(100'000));
     const FileSizeLimit limit(50'000);
     ExpectRefused("entry \"large\": it cannot be written: File too large");
+}
+
+TEST_F(PostProcessorUnpackTest, UnpacksWhatItHasCheckedWhateverIsDownloadedMeanwhile) {
+    ArchiveWriter(m_downloads / "other", "pax").File("file", "other");
+    Tar().File("file", "content");
+    m_target->archive.sha256 = *Sha256OfFile(m_descriptor.downloadPath);
+    bool comes = true;
+    m_stop = [&] {
+        if (std::exchange(comes, false))
+            ioPath::rename(m_downloads / "other", m_descriptor.downloadPath);
+        return false;
+    };
+    EXPECT_EQ(Unpack(), 0);
+    EXPECT_FALSE(comes);
+    EXPECT_EQ(FolderTree(m_folder.Path()), "target/ target/file=content");
 }
 
 TEST_F(PostProcessorUnpackTest, StopsWhenItIsToldTo) {

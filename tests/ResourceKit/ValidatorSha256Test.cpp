@@ -13,6 +13,7 @@
 #include <filesystem>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace Halvex::Kit {
@@ -86,6 +87,19 @@ TEST_F(ValidatorSha256Test, LeavesTheOldCopyOfAFileThatIsDownloadedElsewhere) {
     descriptor.downloadPath = folder / "new";
     ExpectRejection({4, {}}, "rejecting file=FILE: short: 3 bytes instead of 4");
     EXPECT_TRUE(Exists());
+}
+
+TEST_F(ValidatorSha256Test, LeavesAFileThatHasTakenThePlaceOfTheOneThatItRead) {
+    folder.Write("file", "abd");
+    folder.Write("better", "abc");
+    bool comes = true;
+    const auto replace = [&] {
+        if (std::exchange(comes, false))
+            App::ioPath::rename(folder / "better", descriptor.localPath);
+        return false;
+    };
+    EXPECT_EQ(Validate({3, kSumOfAbc}, replace), 1);
+    EXPECT_EQ(Testing::ReadFile(descriptor.localPath), "abc");
 }
 
 TEST_F(ValidatorSha256Test, NeedsNoMoreMemoryForALargeFile) {
