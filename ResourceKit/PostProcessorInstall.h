@@ -13,8 +13,12 @@ namespace Halvex::Kit {
 ///     download -> downloadPath -- as expected --> localPath, in one step and on disk
 ///                              \-- anything else -> removed; localPath stays as it was
 ///
-/// The new file reaches the disk before it takes the name: after a power cut there is the old copy
-/// or the new one, whole. On another file system it is copied beside localPath first. Where the two
+/// While it is checked the new file has a name of its own beside downloadPath, so that no other
+/// download of the same resource can put itself in its place; a crash in this time leaves it there.
+/// Where two checks of one resource run at once, the download of one may remove what the other has
+/// just downloaded: that one fails, and the next one to end decides. Schedule a resource once.
+/// It reaches the disk before it takes the name: after a power cut there is the old copy or the new
+/// one, whole. On another file system it is copied beside localPath first. Where the two
 /// paths are one there is nothing to replace, and the check is all: so it also judges downloads
 /// with validationMode 0, which no validator sees.
 ///
@@ -31,8 +35,8 @@ public:
     /// asked.
     explicit PostProcessorInstall(ExpectedFileLookup expected, StopQuery stop = {});
 
-    /// 0: the file that was at downloadPath is now at localPath; 1: it is gone, and localPath,
-    /// where it is another path, is as it was.
+    /// 0: the file that was at downloadPath is now at localPath; 1: it is not, and localPath, where
+    /// it is another path, is as it was. A file that was checked and not installed is gone.
     std::int32_t Process(const App::ResourceDescriptor* descriptor) override;
 
 private:

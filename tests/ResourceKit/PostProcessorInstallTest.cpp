@@ -27,7 +27,9 @@
 namespace Halvex::Kit {
 namespace {
 
+using testing::AllOf;
 using testing::ElementsAre;
+using testing::EndsWith;
 using testing::IsEmpty;
 using Testing::LogCapture;
 using Testing::ReadFile;
@@ -103,6 +105,30 @@ TEST_F(PostProcessorInstallTest, RemovesAWrongFileAndLeavesTheOldCopy) {
     }
 }
 
+TEST_F(PostProcessorInstallTest, InstallsWhatItHasCheckedWhateverIsDownloadedMeanwhile) {
+    folder.Write("new", "abc");
+    EXPECT_EQ(Process([this] {
+                  folder.Write("new", "abd");
+                  return false;
+              }),
+              0);
+    EXPECT_EQ(ReadFile(descriptor.localPath), "abc");
+    EXPECT_EQ(ReadFile(descriptor.downloadPath), "abd");
+    EXPECT_EQ(folder.List(), "file new");
+}
+
+TEST_F(PostProcessorInstallTest, LeavesWhatIsDownloadedWhileItChecksAWrongFile) {
+    folder.Write("new", "abd");
+    EXPECT_EQ(Process([this] {
+                  folder.Write("new", "abc");
+                  return false;
+              }),
+              1);
+    EXPECT_EQ(ReadFile(descriptor.localPath), "old");
+    EXPECT_EQ(ReadFile(descriptor.downloadPath), "abc");
+    EXPECT_EQ(folder.List(), "file new");
+}
+
 TEST_F(PostProcessorInstallTest, FailsWhenThereIsNoNewFile) {
     EXPECT_EQ(Process(), 1);
     ExpectOnlyTheOldCopy();
@@ -157,7 +183,9 @@ TEST_F(PostProcessorInstallTest, PutsTheBytesOnDiskBeforeTheName) {
             call.rfind("unlink ", 0) == 0)
             changes.push_back(call);
     }
-    EXPECT_THAT(changes, ElementsAre("fdatasync new", "rename new -> file"));
+    EXPECT_THAT(changes,
+                ElementsAre(StartsWith("rename new -> .halvex-"), StartsWith("fdatasync .halvex-"),
+                            AllOf(StartsWith("rename .halvex-"), EndsWith(" -> file"))));
 }
 
 TEST_F(PostProcessorInstallTest, LeavesTheOldCopyWhateverCallFails) {
@@ -166,7 +194,7 @@ TEST_F(PostProcessorInstallTest, LeavesTheOldCopyWhateverCallFails) {
         SCOPED_TRACE(failures);
         folder.Write("new", "abc");
         SystemCalls calls;
-        calls.FailNth(failures + 1, {"new"}, EIO);
+        calls.FailNth(failures + 1, {"new", ".halvex-"}, EIO);
         const std::int32_t result = Process();
         const std::string failed = calls.FailedNth();
         if (failed.empty())
