@@ -81,8 +81,11 @@ QWidget* Window::MakeControls() {
     m_offline = new QCheckBox(QStringLiteral("Offline"));
     m_offline->setObjectName(QStringLiteral("offline"));
     m_offline->setChecked(m_downloads.IsOffline());
-    connect(m_offline, &QCheckBox::toggled, this,
-            [this](bool isOffline) { m_downloads.SetOffline(isOffline); });
+    connect(m_offline, &QCheckBox::toggled, this, [this](bool isOffline) {
+        m_downloads.SetOffline(isOffline);
+        // In a folder that cannot be written to it is not.
+        m_offline->setChecked(m_downloads.IsOffline());
+    });
     m_retry = new QPushButton(QStringLiteral("Retry"));
     m_retry->setObjectName(QStringLiteral("retry"));
     connect(m_retry, &QPushButton::clicked, this, [this] { m_downloads.RetryFailed(); });

@@ -24,6 +24,7 @@
 #include <QtWidgets/QPushButton>
 
 #include <chrono>
+#include <filesystem>
 #include <map>
 #include <memory>
 #include <optional>
@@ -316,6 +317,14 @@ TEST_F(Desktop, CancelsAllAndTriesAgain) {
     EXPECT_EQ(m_server.RequestCount(kMaps), 1U);
     Click(Retry());
     EXPECT_TRUE(ShowsAllAvailable());
+}
+
+TEST_F(Desktop, DoesNotSayThatItIsOfflineWhenItCannotBe) {
+    Open();
+    ASSERT_TRUE(ShowsAllAvailable());
+    std::filesystem::remove_all(m_folder.Path());
+    Click(Offline());
+    EXPECT_FALSE(Offline().isChecked());
 }
 
 TEST_F(Desktop, BehavesAsIfThereWereNoConnection) {
