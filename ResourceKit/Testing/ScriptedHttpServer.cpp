@@ -6,6 +6,7 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <charconv>
 #include <condition_variable>
 #include <csignal>
 #include <cstdio>
@@ -16,6 +17,7 @@
 #include <sstream>
 #include <stdexcept>
 #include <string_view>
+#include <system_error>
 #include <thread>
 
 #include <netinet/in.h>
@@ -360,7 +362,10 @@ ScriptedHttpServer::Impl::Receive(Connection& connection) {
     }
     const std::string length = request.Header("Content-Length");
     if (!length.empty()) {
-        const std::optional<std::string> body = connection.ReceiveBytes(std::stoul(length));
+        std::size_t bytes = 0;
+        if (std::from_chars(length.data(), length.data() + length.size(), bytes).ec != std::errc())
+            return std::nullopt;
+        const std::optional<std::string> body = connection.ReceiveBytes(bytes);
         if (!body)
             return std::nullopt;
         request.body = *body;

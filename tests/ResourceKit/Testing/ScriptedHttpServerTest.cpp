@@ -328,6 +328,17 @@ TEST(ScriptedHttpServer, AnswersAnythingThatIsNoRequest) {
     EXPECT_TRUE(server.Requests().empty());
 }
 
+TEST(ScriptedHttpServer, EndsTheConnectionOfARequestWhoseLengthIsNoNumber) {
+    ScriptedHttpServer server;
+    server.On("/", Reply::Ok("good"));
+    RawClient confused(server);
+    confused.Send("POST / HTTP/1.1\r\nContent-Length: many\r\n\r\n");
+    EXPECT_EQ(confused.ReceiveAll(), "");
+    RawClient client(server);
+    client.Get("/");
+    EXPECT_EQ(BodyOf(client.ReceiveUntil("good")), "good");
+}
+
 TEST(ScriptedHttpServer, ServesManyConnectionsAtOnce) {
     Event release;
     ScriptedHttpServer server;
