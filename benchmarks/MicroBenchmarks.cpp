@@ -7,6 +7,7 @@
 #include <ResourceDownloadManager/ResourceDescriptor.h>
 #include <ResourceDownloadManager/ResourceDownloadManager.h>
 #include <ResourceDownloadManager/TaskQueue.h>
+#include <ResourceKit/EventTracerChrome.h>
 
 #include <benchmark/benchmark.h>
 
@@ -23,6 +24,7 @@
 #include <utility>
 
 #include <malloc.h>
+#include <unistd.h>
 
 namespace {
 
@@ -34,6 +36,7 @@ using Halvex::App::ResourceDescriptor;
 using Halvex::App::ResourceDescriptorBundle;
 using Halvex::App::ResourceDownloadManager;
 using Halvex::App::TaskQueue;
+using Halvex::Kit::EventTracerChrome;
 
 constexpr auto kNormal = ISchedulableResource::SchedulePriority::Normal;
 
@@ -206,6 +209,24 @@ void AddTaskBehindOthers(benchmark::State& state) {
     state.SetItemsProcessed(state.iterations());
 }
 BENCHMARK(AddTaskBehindOthers)->Arg(0)->Arg(100'000)->Iterations(100'000);
+
+/// The thread that writes the events to the file is part of the price.
+void TracedEvent(benchmark::State& state) {
+    std::string path = "/dev/shm/halvex-benchmark-XXXXXX";
+    const int file = ::mkstemp(path.data());
+    if (file < 0)
+        throw std::runtime_error("cannot make the file " + path);
+    ::close(file);
+    {
+        const EventTracerChrome tracer(path);
+        const ResourceDescriptor descriptor;
+        const IRemoteResource::State reached;
+        for (auto _ : state)
+            tracer.Trace(EventTracerChrome::Event::Check, {&descriptor, nullptr, &reached, {}});
+    }
+    std::filesystem::remove(path);
+}
+BENCHMARK(TracedEvent)->MeasureProcessCPUTime();
 
 /// From nothing to the first notification.
 void InitAndFirstNotification(benchmark::State& state) {

@@ -49,6 +49,8 @@ def verdicts(results):
     yield "AddTask behind 100,000 others against an empty queue", \
         results.nanoseconds("AddTaskBehindOthers/100000/iterations:100000") \
         / results.nanoseconds("AddTaskBehindOthers/0/iterations:100000"), 1.5, False
+    yield "an event in a trace file: us", \
+        results.nanoseconds("TracedEvent/process_time") / MICROSECOND, 1, False
     yield "Init and the first notification: ms", \
         results.nanoseconds("InitAndFirstNotification", "real_time") / MILLISECOND, 10, False
     yield "Abort of an idle manager: ms", \
