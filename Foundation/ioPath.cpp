@@ -123,9 +123,11 @@ bool ioPath::exists() const {
 bool ioPath::remove() const {
     if (::unlink(CheckedSystemPath(m_text)) == 0)
         return true;
-    if (errno == ENOENT || errno == ENOTDIR)
+    const int error = errno;
+    // A file system that cannot be written to says so without having looked.
+    if (error == ENOENT || error == ENOTDIR || (error == EROFS && !exists()))
         return false;
-    ThrowSystemError(errno);
+    ThrowSystemError(error);
 }
 
 void ioPath::rename(const ioPath& from, const ioPath& to) {

@@ -60,7 +60,10 @@ bool FileExists(const ioPath& path) {
 
 bool RemoveFile(const ioPath& path) {
     try {
-        return !path.exists() || path.remove();
+        // What is not there is most often the case, and one call tells it as well as two. Nor does
+        // it sleep, as a look does, while others create files in a folder in memory.
+        path.remove();
+        return true;
     } catch (...) {
         LOG(ERROR) << "Failed to remove file=" << path;
         return false;

@@ -102,12 +102,25 @@ TEST_F(RemoveFileTest, LogsARefusedRemoval) {
     EXPECT_THAT(m_log.Errors(), ElementsAre("Failed to remove file=" + file.string()));
 }
 
-TEST_F(RemoveFileTest, FailsSilentlyWhenTheFileGoesBeforeItIsRemoved) {
+TEST_F(RemoveFileTest, RemovesADanglingLink) {
+    EXPECT_TRUE(RemoveFile(MakeLink(m_missing, "link")));
+    EXPECT_EQ(m_folder.List(), "");
+    EXPECT_THAT(m_log.Lines(), IsEmpty());
+}
+
+TEST_F(RemoveFileTest, SucceedsSilentlyWhenNothingIsThereAndNothingCanBeRemoved) {
+    SystemCalls calls;
+    calls.Fail("unlink", EROFS);
+    EXPECT_TRUE(RemoveFile(m_missing));
+    EXPECT_THAT(m_log.Lines(), IsEmpty());
+}
+
+TEST_F(RemoveFileTest, LogsAFileOfAReadOnlyFileSystem) {
     const ioPath file = m_folder.Write("a", "");
     SystemCalls calls;
-    calls.Fail("unlink", ENOENT);
+    calls.Fail("unlink", EROFS);
     EXPECT_FALSE(RemoveFile(file));
-    EXPECT_THAT(m_log.Lines(), IsEmpty());
+    EXPECT_THAT(m_log.Errors(), ElementsAre("Failed to remove file=" + file.string()));
 }
 
 class ReadWholeFileToBufferTest : public FileUtilsTest {
