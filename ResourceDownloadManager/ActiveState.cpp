@@ -113,10 +113,9 @@ void ActiveState::AddHandler(IRemoteResourceEventHandler* handler, Callback call
                              const IRemoteResource::NotificationParams& params) {
     const DeliveryScope scope(MakeDeliveryLock());
     const MutexLock lock(m_mutex);
-    auto& [delivery, handlers, registrations] = *m_observers;
+    auto& handlers = m_observers->handlers;
     if (handlers.count(handler) == 0)
-        handlers.emplace(handler,
-                         HandlerEntry{std::move(callback), params, std::nullopt, registrations++});
+        handlers.emplace(handler, HandlerEntry{std::move(callback), params, std::nullopt, {}});
 }
 
 void ActiveState::RemoveHandler(IRemoteResourceEventHandler* handler) {
@@ -178,8 +177,11 @@ void ActiveState::CheckOwnNotificationsLocked(Deliveries& due) {
         if (isRepeat && !IsRepeatDueLocked(entry))
             continue;
         entry.lastNotified = m_state;
-        due.push_back([this, delivery = Delivery{handler, entry.registration, isRepeat, m_state}] {
-            Deliver(delivery);
+        const std::uint64_t number = ++m_observers->notifications;
+        entry.pending.push_back({number, isRepeat, m_state});
+        due.push_back([this, handler = handler, number] {
+            while (DeliverNext(handler, number)) {
+            }
         });
     }
 }
@@ -206,28 +208,39 @@ void ActiveState::Post(Deliveries due) {
         m_notificationQueue.AddTask(std::move(delivery), ITaskQueue::Middle);
 }
 
-void ActiveState::Deliver(const Delivery& delivery) {
+bool ActiveState::DeliverNext(IRemoteResourceEventHandler* handler, std::uint64_t number) {
     // A copy, because the observer may unregister while it is called; then this is the last one and
     // dies after the unlock.
     Callback callback;
     const DeliveryScope scope(*FindDeliveryLock());
+    Notification next;
     State lastNotified;
+    bool areMore = false;
     {
         const MutexLock lock(m_mutex);
-        const auto& handlers = m_observers->handlers;
-        const auto found = handlers.find(delivery.handler);
-        if (found == handlers.end() || found->second.registration != delivery.registration)
-            return;
-        callback = found->second.callback;
-        lastNotified = *found->second.lastNotified;
+        auto& handlers = m_observers->handlers;
+        const auto found = handlers.find(handler);
+        if (found == handlers.end())
+            return false;
+        HandlerEntry& entry = found->second;
+        const auto isDue = [&] {
+            return !entry.pending.empty() && entry.pending.front().number <= number;
+        };
+        if (!isDue())
+            return false;
+        next = entry.pending.front();
+        entry.pending.pop_front();
+        areMore = isDue();
+        callback = entry.callback;
+        lastNotified = *entry.lastNotified;
     }
     const IEventTracer::TraceRecord record = RecordOf(lastNotified);
-    m_tracer.Trace(delivery.isProgress ? Event::ProgressNotification : Event::StatusNotification,
+    m_tracer.Trace(next.isProgress ? Event::ProgressNotification : Event::StatusNotification,
                    record);
-    callback(delivery.state);
-    m_tracer.Trace(delivery.isProgress ? Event::ProgressNotificationEnd
-                                       : Event::StatusNotificationEnd,
+    callback(next.state);
+    m_tracer.Trace(next.isProgress ? Event::ProgressNotificationEnd : Event::StatusNotificationEnd,
                    record);
+    return areMore;
 }
 
 } // namespace Halvex::App

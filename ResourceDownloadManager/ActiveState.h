@@ -13,6 +13,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <list>
 #include <memory>
 #include <optional>
 #include <vector>
@@ -75,13 +76,20 @@ public:
 private:
     using Deliveries = std::vector<ITaskQueue::Task>;
 
+    struct Notification {
+        /// Grows from one to the next of a state, whoever is to be told.
+        std::uint64_t number;
+        bool isProgress;
+        State state;
+    };
+
     struct HandlerEntry {
         Callback callback;
         IRemoteResource::NotificationParams params;
         std::optional<State> lastNotified;
-        /// Tells the registrations of one observer apart, so that a notification meant for an
-        /// earlier one is not delivered to a later one.
-        std::uint64_t registration;
+        /// What is on its way to the observer, in the order of the changes. Two threads may queue
+        /// their deliveries the other way round: the first to run delivers for both.
+        std::list<Notification> pending;
     };
 
     /// There are as many states as files, and most are never observed: this is made for the first
@@ -92,14 +100,7 @@ private:
         /// Both guarded by the state's m_mutex.
         boost::container::flat_map<IRemoteResourceEventHandler*, HandlerEntry, std::less<>>
             handlers;
-        std::uint64_t registrations = 0;
-    };
-
-    struct Delivery {
-        IRemoteResourceEventHandler* handler;
-        std::uint64_t registration;
-        bool isProgress;
-        State state;
+        std::uint64_t notifications = 0;
     };
 
     struct Children {
@@ -127,7 +128,9 @@ private:
     std::size_t AddChild() EXCLUDES(m_mutex);
     void UpdateChildLocked(std::size_t child, const State& state) REQUIRES(m_mutex);
     void Post(Deliveries due);
-    void Deliver(const Delivery& delivery) EXCLUDES(m_mutex);
+    /// Delivers the next notification that is on its way to the observer, unless it comes after the
+    /// one of this number. True: there is another one up to that.
+    bool DeliverNext(IRemoteResourceEventHandler* handler, std::uint64_t number) EXCLUDES(m_mutex);
 
     const ResourceDescriptor* const m_descriptor;
     const ResourceDescriptorBundle* const m_bundle;

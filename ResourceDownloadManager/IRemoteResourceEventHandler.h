@@ -10,11 +10,12 @@ public:
     virtual ~IRemoteResourceEventHandler() = default;
 
     /// Called with a state that the bundle has reached. States arrive in the order in which the
-    /// notification queue runs them; GetState tells the latest one.
+    /// bundle has reached them, on whatever threads that was; GetState tells the latest one, which
+    /// may be newer.
     ///
     /// Runs on the notification queue's thread: with TaskQueueQt on the thread that made the queue,
-    /// with TaskQueueImmediate on the worker thread that caused the change, or on the thread that
-    /// registered the observer or scheduled the bundle.
+    /// with TaskQueueImmediate on the worker thread that caused the change or one after it, or on a
+    /// thread that registers the observer or schedules the bundle.
     ///
     /// Runs with the bundle's delivery lock held: the callbacks of one bundle never overlap. It may
     /// ask this bundle for its state and register or unregister observers with it, itself included.

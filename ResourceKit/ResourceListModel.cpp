@@ -122,8 +122,7 @@ public:
         m_resource.RegisterEventHandler(this, params);
     }
 
-    /// States may come in another order than that in which they were reached; the one that the
-    /// bundle is in now is none of the past.
+    /// The bundle may be further than this notification tells.
     void OnStateChanged(State, const App::ResourceDescriptorBundle*) override {
         const State latest = m_resource.GetState();
         {

@@ -394,6 +394,52 @@ TEST_F(ActiveStateTest, TheTracedStateDoesNotChangeWhileTheObserverIsCalled) {
                                          "Trace /StatusNotification bundle Available NoError 1"));
 }
 
+// Deliveries that two threads queue the other way round.
+
+TEST_F(ActiveStateTest, ALaterDeliveryThatRunsFirstBringsWhatCameBeforeIt) {
+    Observe(first);
+    Report(0.5);
+    state.SetAvailable();
+    fakes.notifications->Reverse();
+    EXPECT_THAT(Told(), ElementsAre("told: Waiting NoError 0", "told: Dowloading NoError 0.5",
+                                    "told: Available NoError 1"));
+}
+
+TEST_F(ActiveStateTest, ADeliveryBringsNothingThatCameLater) {
+    Observe(first);
+    state.SetAvailable();
+    fakes.recorder.Take();
+    fakes.notifications->ExecOne();
+    EXPECT_THAT(fakes.recorder.Take(),
+                ElementsAre("Trace StatusNotification bundle Available NoError 1",
+                            "told: Waiting NoError 0",
+                            "Trace /StatusNotification bundle Available NoError 1"));
+    EXPECT_THAT(Told(), ElementsAre("told: Available NoError 1"));
+}
+
+TEST_F(ActiveStateTest, ADeliveryBringsOnlyWhatIsMeantForItsObserver) {
+    Observe(first, {}, "first");
+    Observe(second, {}, "second");
+    state.SetAvailable();
+    fakes.notifications->Reverse();
+    EXPECT_THAT(Told(), ElementsAre("second: Waiting NoError 0", "second: Available NoError 1",
+                                    "first: Waiting NoError 0", "first: Available NoError 1"));
+}
+
+TEST_F(ActiveStateTest, WhatAnObserverThrewAtLeavesTheNextDeliveriesInOrder) {
+    int calls = 0;
+    ObserveWith(first, [&](IRemoteResource::State told) {
+        if (++calls == 1)
+            throw std::runtime_error("an observer's");
+        fakes.recorder.Add("told: " + Describe(told));
+    });
+    Report(0.5);
+    state.SetAvailable();
+    fakes.notifications->Reverse();
+    EXPECT_THROW(fakes.notifications->ExecOne(), std::runtime_error);
+    EXPECT_THAT(Told(), ElementsAre("told: Dowloading NoError 0.5"));
+}
+
 // Registering and unregistering.
 
 TEST_F(ActiveStateTest, ARemovedObserverIsNotToldWhatIsOnItsWay) {

@@ -73,6 +73,16 @@ public:
     }
 };
 
+/// Knows the status that it was told last. Its calls exclude each other.
+class AttentiveObserver : public IRemoteResourceEventHandler {
+public:
+    Status lastStatus = Status::Waiting;
+
+    void OnStateChanged(State state, const ResourceDescriptorBundle*) override {
+        lastStatus = state.status;
+    }
+};
+
 void Join(std::vector<std::thread>& threads) {
     for (std::thread& thread : threads)
         thread.join();
@@ -154,6 +164,8 @@ protected:
     std::array<ResourceDescriptorBundle, kBundles> bundles;
     /// One per resource, so that its own state can be seen.
     std::array<ResourceDescriptorBundle, kResources> singles;
+    /// One per bundle, for the whole time.
+    std::array<AttentiveObserver, kBundles> attentive;
     const std::shared_ptr<TaskQueue> checks = std::make_shared<TaskQueue>();
     const std::shared_ptr<TaskQueue> notifications = std::make_shared<TaskQueue>();
     RemoteResourceScheduler scheduler{std::make_shared<RandomDownloader>(seed),
@@ -170,6 +182,8 @@ protected:
 TEST_F(RemoteResourceSchedulerStress, BundlesFollowTheirItemsAndObserversAreCalledOnlyInTime) {
     std::cout << "seed " << seed << std::endl;
     SCOPED_TRACE("seed " + std::to_string(seed));
+    for (std::size_t i = 0; i < kBundles; ++i)
+        scheduler.Register(&bundles[i])->RegisterEventHandler(&attentive[i], {});
     std::vector<std::thread> clients;
     for (int i = 0; i < kClients; ++i)
         clients.emplace_back([this, i] { RunClient(seed + static_cast<std::uint64_t>(i)); });
@@ -186,12 +200,13 @@ TEST_F(RemoteResourceSchedulerStress, BundlesFollowTheirItemsAndObserversAreCall
     std::map<const ResourceDescriptor*, State> states;
     for (std::size_t i = 0; i < kResources; ++i)
         states[&descriptors[i]] = scheduler.Register(&singles[i])->GetState();
-    for (const ResourceDescriptorBundle& bundle : bundles) {
+    for (std::size_t i = 0; i < kBundles; ++i) {
         std::vector<State> members;
-        for (const ResourceDescriptor* descriptor : bundle.descriptors)
+        for (const ResourceDescriptor* descriptor : bundles[i].descriptors)
             members.push_back(states[descriptor]);
         const State expected = Recomputed(members);
-        const State actual = scheduler.Register(&bundle)->GetState();
+        const State actual = scheduler.Register(&bundles[i])->GetState();
+        EXPECT_EQ(attentive[i].lastStatus, actual.status);
         EXPECT_EQ(actual.status, expected.status);
         EXPECT_EQ(actual.error, expected.error);
         EXPECT_NEAR(actual.progress, expected.progress, 1e-12);

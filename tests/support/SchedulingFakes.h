@@ -11,6 +11,7 @@
 #include "ResourceDownloadManager/IValidator.h"
 #include "ResourceDownloadManager/ResourceDescriptor.h"
 
+#include <algorithm>
 #include <array>
 #include <cmath>
 #include <cstddef>
@@ -119,6 +120,12 @@ public:
     std::size_t Pending() {
         const MutexLock lock(m_mutex);
         return m_tasks.size();
+    }
+
+    /// Lets the newest task be the next, as when threads add them the other way round.
+    void Reverse() {
+        const MutexLock lock(m_mutex);
+        std::reverse(m_tasks.begin(), m_tasks.end());
     }
 
 private:
