@@ -124,8 +124,9 @@ bool ioPath::remove() const {
     if (::unlink(CheckedSystemPath(m_text)) == 0)
         return true;
     const int error = errno;
-    // A file system that cannot be written to says so without having looked.
-    if (error == ENOENT || error == ENOTDIR || (error == EROFS && !exists()))
+    // A link to a folder, with a slash behind it, is no folder either. And a file system that
+    // cannot be written to says so without having looked.
+    if (error == ENOENT || ((error == ENOTDIR || error == EROFS) && !exists()))
         return false;
     ThrowSystemError(error);
 }

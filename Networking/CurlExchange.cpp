@@ -116,11 +116,10 @@ ExchangeEnd CurlExchange::Run() {
     }
     try {
         Drive();
+        m_handle.NoteConnection();
     } catch (...) {
         m_exception = std::current_exception();
     }
-    if (IsOverTls())
-        m_handle.ForgetTlsConnection();
     curl_multi_remove_handle(m_handle.multi, m_handle.easy);
     if (m_exception)
         std::rethrow_exception(m_exception);
@@ -173,7 +172,7 @@ bool CurlExchange::HasEnded() {
     if (m_end == ExchangeEnd::Complete && !m_judged)
         Lose("the connection was closed before the response's headers were complete");
     else if (m_end == ExchangeEnd::Complete && HasDelivered() && m_head.EndsWithConnection() &&
-             IsOverTls() && !m_handle.tlsEnded)
+             IsOverTls() && !m_handle.HasTlsEnded())
         Lose("the connection was closed without the end that TLS demands");
     else if (m_end == ExchangeEnd::Lost)
         Lose(m_errorText);
@@ -249,8 +248,7 @@ bool CurlExchange::TakeHeaderLine(std::string_view line) {
     if (m_judged)
         return TakeTrailer(line);
     m_head.AddLine(line);
-    // The connection that answers is alive; the one that was tried before it may have ended.
-    m_handle.tlsEnded = false;
+    m_handle.NoteAnswer();
     if (!m_head.IsComplete() || m_head.Status() < 200)
         return true;
     m_judged = true;

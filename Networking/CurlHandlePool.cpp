@@ -9,7 +9,9 @@
 #include <optional>
 #include <utility>
 
+#include <poll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace Halvex::Networking {
@@ -40,8 +42,8 @@ sigset_t SigpipeSet() {
 void OnTlsEvent(const SSL* connection, int event, int value) {
     constexpr int kAlertMask = 0xff;
     if (event == SSL_CB_READ_ALERT && (value & kAlertMask) == SSL_AD_CLOSE_NOTIFY)
-        static_cast<CurlHandle*>(SSL_CTX_get_app_data(SSL_get_SSL_CTX(connection)))->tlsEnded =
-            true;
+        static_cast<CurlHandle*>(SSL_CTX_get_app_data(SSL_get_SSL_CTX(connection)))
+            ->NoteTlsEnd(connection);
 }
 
 /// A connection stays with the handle that opened it.
@@ -58,11 +60,26 @@ CURLcode OnTlsContext(CURL*, void* context, void* handlePointer) {
     return CURLE_OK;
 }
 
+/// Nothing when it cannot be told.
+std::optional<ino_t> InodeOf(int socket) {
+    struct stat status {};
+    return ::fstat(socket, &status) == 0 ? std::optional(status.st_ino) : std::nullopt;
+}
+
+bool IsReadable(int socket) {
+    pollfd poll{socket, POLLIN, 0};
+    return ::poll(&poll, 1, 0) > 0;
+}
+
 /// So that curl sees that the connection is not to be used again.
-void Disconnect(curl_socket_t socket) {
+void Disconnect(int socket) {
     sockaddr nobody{};
     nobody.sa_family = AF_UNSPEC;
     (void)::connect(socket, &nobody, sizeof(nobody));
+}
+
+curl_socket_t OnOpen(void*, curlsocktype, curl_sockaddr* address) {
+    return ::socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
 }
 
 /// Where curl was built to look for the system's authorities; null: nowhere.
@@ -127,10 +144,7 @@ void CurlHandle::Renew() {
 }
 
 void CurlHandle::PrepareConnections() {
-    curl_easy_setopt(easy, CURLOPT_OPENSOCKETFUNCTION, &CurlHandle::OnOpen);
-    curl_easy_setopt(easy, CURLOPT_OPENSOCKETDATA, this);
-    curl_easy_setopt(easy, CURLOPT_CLOSESOCKETFUNCTION, &CurlHandle::OnClose);
-    curl_easy_setopt(easy, CURLOPT_CLOSESOCKETDATA, this);
+    curl_easy_setopt(easy, CURLOPT_OPENSOCKETFUNCTION, &OnOpen);
     // Not what curl would read anew for each handle.
     for (const CURLoption option :
          {CURLOPT_CAINFO, CURLOPT_CAPATH, CURLOPT_PROXY_CAINFO, CURLOPT_PROXY_CAPATH})
@@ -139,45 +153,45 @@ void CurlHandle::PrepareConnections() {
     curl_easy_setopt(easy, CURLOPT_SSL_CTX_DATA, this);
 }
 
-curl_socket_t CurlHandle::OnOpen(void* handle, curlsocktype, curl_sockaddr* address) {
-    auto& plain = static_cast<CurlHandle*>(handle)->m_plain;
-    const int socket =
-        ::socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
-    if (socket < 0)
-        return CURL_SOCKET_BAD;
-    try {
-        plain.push_back({socket, POLLIN, 0});
-    } catch (const std::bad_alloc&) {
-        ::close(socket);
-        return CURL_SOCKET_BAD;
-    }
-    return socket;
-}
-
-int CurlHandle::OnClose(void* handle, curl_socket_t socket) {
-    static_cast<CurlHandle*>(handle)->Forget(socket);
-    return ::close(socket);
-}
-
-void CurlHandle::Forget(curl_socket_t socket) {
-    m_plain.erase(std::remove_if(m_plain.begin(), m_plain.end(),
-                                 [socket](const pollfd& plain) { return plain.fd == socket; }),
-                  m_plain.end());
-}
-
-void CurlHandle::ForgetTlsConnection() {
+void CurlHandle::NoteConnection() {
     curl_socket_t socket = CURL_SOCKET_BAD;
+    long version = CURL_HTTP_VERSION_NONE;
     curl_easy_getinfo(easy, CURLINFO_ACTIVESOCKET, &socket);
-    Forget(socket);
+    curl_easy_getinfo(easy, CURLINFO_HTTP_VERSION, &version);
+    if (socket == CURL_SOCKET_BAD || version >= CURL_HTTP_VERSION_2_0)
+        return;
+    const std::optional<ino_t> inode = InodeOf(socket);
+    const bool isKnown = std::any_of(m_kept.begin(), m_kept.end(), [&](const Connection& kept) {
+        return kept.socket == socket && kept.inode == inode;
+    });
+    if (inode && !isKnown)
+        m_kept.push_back({socket, *inode});
 }
 
 void CurlHandle::EndUnasked() {
-    if (::poll(m_plain.data(), m_plain.size(), 0) <= 0)
+    const auto isOver = [](const Connection& kept) {
+        if (InodeOf(kept.socket) != kept.inode)
+            return true;
+        if (!IsReadable(kept.socket))
+            return false;
+        Disconnect(kept.socket);
+        return true;
+    };
+    m_kept.erase(std::remove_if(m_kept.begin(), m_kept.end(), isOver), m_kept.end());
+}
+
+void CurlHandle::NoteAnswer() {
+    // The connection that answers is alive; the one that was tried before it may have ended.
+    m_tlsEnded = false;
+    if (!usesTls)
         return;
-    for (const pollfd& plain : m_plain) {
-        if (plain.revents != 0)
-            Disconnect(plain.fd);
-    }
+    const curl_tlssessioninfo* session = nullptr;
+    curl_easy_getinfo(easy, CURLINFO_TLS_SSL_PTR, &session);
+    m_answering = session == nullptr ? nullptr : session->internals;
+}
+
+void CurlHandle::NoteTlsEnd(const SSL* connection) {
+    m_tlsEnded = m_tlsEnded || connection == m_answering;
 }
 
 CurlHandlePool::CurlHandlePool(std::string authorityFile)

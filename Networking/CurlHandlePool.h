@@ -3,6 +3,7 @@
 #include "Foundation/Mutex.h"
 
 #include <curl/curl.h>
+#include <openssl/ssl.h>
 #include <openssl/x509_vfy.h>
 
 #include <memory>
@@ -10,7 +11,7 @@
 #include <utility>
 #include <vector>
 
-#include <poll.h>
+#include <sys/types.h>
 
 namespace Halvex::Networking {
 
@@ -49,8 +50,8 @@ struct CurlHandle {
     CurlHandle& operator=(const CurlHandle&) = delete;
 
     /// Has the connections that are opened from here on with the easy handle's present options
-    /// trust the authorities, tell tlsEnded and be known to EndUnasked. Child processes of the
-    /// application do not inherit them.
+    /// trust the authorities and tell HasTlsEnded. Child processes of the application do not
+    /// inherit them.
     void PrepareConnections();
 
     /// Begins anew with default options; connections stay. To be called before each exchange:
@@ -64,24 +65,35 @@ struct CurlHandle {
     TlsAuthorities& authorities;
     /// Whether there has been a connection over TLS.
     bool usesTls = false;
-    /// Ends the connections kept for later that the server has spoken on meanwhile, or closed: what
-    /// waits there is not the answer to the next request. Not those over TLS, whose own messages
-    /// may come at any time.
-    void EndUnasked();
-    /// To be called after an exchange over TLS, while the easy handle still knows its connection.
-    void ForgetTlsConnection();
 
-    /// Set when a server says, by TLS, that it has sent all: without that a connection that ends
-    /// has been cut, which curl does not tell.
-    bool tlsEnded = false;
+    /// To be called after an exchange, while the easy handle still knows its connection: if that
+    /// may be used again, EndUnasked looks after it.
+    void NoteConnection();
+    /// Ends the connections kept for later that the server has spoken on meanwhile, or closed: what
+    /// waits there is not the answer to the next request. Not those of HTTP/2, which tells answers
+    /// apart and whose own messages may come at any time.
+    void EndUnasked();
+
+    /// To be called for each line of a response's head.
+    void NoteAnswer();
+    /// Called by OpenSSL's hook.
+    void NoteTlsEnd(const SSL* connection);
+    /// Whether the server that has answered says, by TLS, that it has sent all: without that a
+    /// connection that ends has been cut, which curl does not tell.
+    bool HasTlsEnded() const { return m_tlsEnded; }
 
 private:
-    static curl_socket_t OnOpen(void* handle, curlsocktype purpose, curl_sockaddr* address);
-    static int OnClose(void* handle, curl_socket_t socket);
-    void Forget(curl_socket_t socket);
+    struct Connection {
+        int socket;
+        /// Of the socket. A number alone may have become that of something else: curl closes its
+        /// sockets without being asked.
+        ino_t inode;
+    };
 
-    /// The open connections without TLS, ready to be asked about.
-    std::vector<pollfd> m_plain;
+    std::vector<Connection> m_kept;
+    /// That of the server, where there is another one to a proxy.
+    const void* m_answering = nullptr;
+    bool m_tlsEnded = false;
 };
 
 /// The handles of one client. They outlive the threads that use them, so that a connection is

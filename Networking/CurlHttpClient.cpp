@@ -13,6 +13,8 @@
 #include <memory>
 #include <new>
 #include <optional>
+#include <string>
+#include <string_view>
 #include <utility>
 
 namespace Halvex::Networking {
@@ -52,10 +54,19 @@ private:
     std::unique_ptr<CurlHandle> m_handle;
 };
 
-/// The proxy as curl takes it: with socks5h it is the proxy that resolves the host's name.
+/// The proxy as curl takes it: with socks5h it is the proxy that resolves the host's name, and the
+/// host may be an address of IPv6, whose brackets the system's settings leave out.
 std::string CurlProxy(const std::string& proxy) {
-    constexpr char kSocks5[] = "socks5://";
-    return proxy.rfind(kSocks5, 0) == 0 ? "socks5h://" + proxy.substr(sizeof(kSocks5) - 1) : proxy;
+    constexpr std::string_view kSeparator = "://";
+    const std::size_t separator = proxy.find(kSeparator);
+    if (separator == std::string::npos)
+        return proxy;
+    const std::string scheme = proxy.substr(0, separator);
+    std::string host = proxy.substr(separator + kSeparator.size());
+    const std::size_t port = host.rfind(':');
+    if (host.find(':') != port && host.find_first_of("[@") == std::string::npos)
+        host = '[' + host.substr(0, port) + ']' + host.substr(port);
+    return (scheme == "socks5" ? "socks5h" : scheme) + std::string(kSeparator) + host;
 }
 
 bool IsSensitive(const std::string& header) {

@@ -1,5 +1,7 @@
 #include "Networking/CurlHttpClient.h"
 
+#include "Networking/CurlHandlePool.h"
+#include "ResourceKit/Testing/ServerTls.h"
 #include "support/NginxServer.h"
 #include "support/ProxyServers.h"
 #include "support/ScriptedHttpServer.h"
@@ -7,14 +9,24 @@
 
 #include <gmock/gmock.h>
 
+#include <array>
 #include <cstdlib>
+#include <optional>
 #include <string>
+#include <thread>
 #include <tuple>
 #include <vector>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 namespace Halvex::Networking {
 namespace {
 
+using Kit::Testing::ServerTls;
 using testing::Combine;
 using testing::Contains;
 using testing::ElementsAre;
@@ -182,6 +194,15 @@ std::vector<std::string> FieldNames(const ScriptedHttpServer& server) {
     return names;
 }
 
+// As the system's settings give it.
+TEST_F(CurlHttpClientProxyTest, TakesAnAddressOfIpv6WithoutBrackets) {
+    const LoopbackPort nobody;
+    m_options.proxy = "http://::1:" + std::to_string(nobody.Number());
+    const Response response = Get(m_server.Url("/file"));
+    EXPECT_EQ(response.errorCode, 3);
+    EXPECT_THAT(response.errorText, HasSubstr("connect to ::1 port"));
+}
+
 TEST_F(CurlHttpClientProxyTest, TellsTheProxysPasswordToNoServer) {
     const HttpProxyServer proxy("BasicAuth user secret");
     m_options.proxy = proxy.Url("user:secret");
@@ -199,6 +220,91 @@ TEST_F(CurlHttpClientProxyTest, TellsTheProxysPasswordToNoServer) {
         EXPECT_THAT(FieldNames(*server), Contains("Host"));
         EXPECT_THAT(FieldNames(*server), Not(Contains(StrCaseEq("Proxy-Authorization"))));
     }
+}
+
+// An HTTP proxy that is spoken to over TLS
+
+int ConnectTo(int port) {
+    const int socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(static_cast<std::uint16_t>(port));
+    EXPECT_EQ(::connect(socket, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+    return socket;
+}
+
+/// Makes one tunnel to a server on the loopback interface, whatever it is asked for, and says
+/// goodbye to the client when the server ends it, however it does.
+class PoliteTlsProxy {
+public:
+    explicit PoliteTlsProxy(int serverPort) {
+        m_port.Listen();
+        m_thread = std::thread([this, serverPort] { Serve(serverPort); });
+    }
+    ~PoliteTlsProxy() { m_thread.join(); }
+
+    PoliteTlsProxy(const PoliteTlsProxy&) = delete;
+    PoliteTlsProxy& operator=(const PoliteTlsProxy&) = delete;
+
+    std::string Url() const { return "https://" + m_port.Address(); }
+
+private:
+    void Serve(int serverPort) const {
+        const SigpipeBlock block;
+        const int client = m_port.Accept();
+        const int server = ConnectTo(serverPort);
+        {
+            ServerTls tls(client, TestAuthority::ForLoopback());
+            EXPECT_THAT(tls.Receive().value_or(""), HasSubstr("CONNECT "));
+            EXPECT_TRUE(tls.Send("HTTP/1.1 200 OK\r\n\r\n"));
+            while (PassOn(tls, client, server)) {
+            }
+        }
+        ::close(server);
+        ::close(client);
+    }
+    /// False: one of the two has ended.
+    static bool PassOn(ServerTls& tls, int client, int server) {
+        std::array<pollfd, 2> polls{{{client, POLLIN, 0}, {server, POLLIN, 0}}};
+        EXPECT_GT(::poll(polls.data(), polls.size(), -1), 0);
+        if (polls[0].revents != 0) {
+            const std::optional<std::string> bytes = tls.Receive();
+            return bytes && ::send(server, bytes->data(), bytes->size(), MSG_NOSIGNAL) > 0;
+        }
+        std::array<char, 4096> buffer{};
+        const ssize_t size = ::recv(server, buffer.data(), buffer.size(), 0);
+        if (size > 0)
+            return tls.Send({buffer.data(), static_cast<std::size_t>(size)});
+        tls.SayGoodbye();
+        return false;
+    }
+
+    const LoopbackPort m_port;
+    std::thread m_thread;
+};
+
+class CurlHttpClientTlsProxyTest : public CurlHttpClientProxyTest {
+protected:
+    ScriptedHttpServer m_scripted{TestAuthority::ForLoopback()};
+    const PoliteTlsProxy m_proxy{m_scripted.Port()};
+};
+
+TEST_F(CurlHttpClientTlsProxyTest, TakesABodyForWholeThatTheServerEnds) {
+    m_scripted.On("/file", Reply::Ok("content").WithoutLength());
+    m_options.proxy = m_proxy.Url();
+    const Response response = Get(m_scripted.Url("/file"));
+    EXPECT_EQ(response.errorCode, 0) << response.errorText;
+    EXPECT_EQ(m_data, "content");
+}
+
+TEST_F(CurlHttpClientTlsProxyTest, DoesNotTakeTheProxysGoodbyeForTheServers) {
+    m_scripted.On("/file", Reply::Ok("content").WithoutLength().CutAfter(4).WithoutGoodbye());
+    m_options.proxy = m_proxy.Url();
+    const Response response = Get(m_scripted.Url("/file"));
+    EXPECT_EQ(response.errorCode, 8);
+    EXPECT_THAT(response.errorText, HasSubstr("TLS"));
+    EXPECT_EQ(m_data, "cont");
 }
 
 // A SOCKS5 proxy

@@ -631,6 +631,74 @@ TEST_F(CurlHttpClientUnaskedTest, IsNotTakenAfterAnotherServerWasAskedInBetween)
     EXPECT_EQ(m_data, "one other two");
 }
 
+/// Connections of the application's own, with something to read on each.
+class ForeignConnections {
+public:
+    ForeignConnections() { m_port.Listen(); }
+
+    ~ForeignConnections() {
+        for (const int socket : m_sockets)
+            ::close(socket);
+        for (const int peer : m_peers)
+            ::close(peer);
+    }
+
+    ForeignConnections(const ForeignConnections&) = delete;
+    ForeignConnections& operator=(const ForeignConnections&) = delete;
+
+    /// To be called once.
+    void Open() {
+        for (int& socket : m_sockets) {
+            socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+            sockaddr_in address{};
+            address.sin_family = AF_INET;
+            address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+            address.sin_port = htons(static_cast<std::uint16_t>(m_port.Number()));
+            EXPECT_EQ(::connect(socket, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+            m_peers.push_back(m_port.Accept());
+            EXPECT_EQ(::send(m_peers.back(), "hello", 5, MSG_NOSIGNAL), 5);
+        }
+    }
+
+    void ExpectWhole() const {
+        for (const int socket : m_sockets) {
+            char bytes[5] = {};
+            EXPECT_EQ(::recv(socket, bytes, sizeof(bytes), MSG_WAITALL), 5);
+        }
+    }
+
+private:
+    const LoopbackPort m_port;
+    std::array<int, 4> m_sockets{-1, -1, -1, -1};
+    std::vector<int> m_peers;
+};
+
+// curl closes a socket that is still connecting without telling, and its number is soon another's.
+TEST_F(CurlHttpClientTest, LeavesTheConnectionsOfOthersAlone) {
+    m_server.On("/file", Reply::Ok("hello"));
+    const SilentPort silent;
+    int questions = 0;
+    m_options.cancellationQuery = [&] {
+        return ++questions > 1;
+    };
+    ForeignConnections foreign;
+    EXPECT_EQ(GetUrl("http://" + silent.Address() + "/").errorCode, 15);
+    foreign.Open();
+    m_options.cancellationQuery = {};
+    EXPECT_EQ(Get("/file").errorCode, 0);
+    foreign.ExpectWhole();
+}
+
+TEST_F(CurlHttpClientTest, LeavesAConnectionAloneThatHasTheNumberOfOneOfItsOwn) {
+    m_server.On("/file", {Reply::Ok("hello"), Reply::Ok("hello").ThenClose(), Reply::Ok("hello")});
+    ForeignConnections foreign;
+    EXPECT_EQ(Get("/file").errorCode, 0);
+    EXPECT_EQ(Get("/file").errorCode, 0);
+    foreign.Open();
+    EXPECT_EQ(Get("/file").errorCode, 0);
+    foreign.ExpectWhole();
+}
+
 TEST_F(CurlHttpClientTest, TakesNothingBehindARedirectForItsTarget) {
     m_server.On("/from",
                 Reply::Raw("HTTP/1.1 302 Found\r\nLocation: /to\r\nContent-Length: 0\r\n\r\n"

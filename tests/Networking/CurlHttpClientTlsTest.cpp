@@ -198,6 +198,21 @@ TEST_F(CurlHttpClientTlsTest, DoesNotTakeTheEndOfAnIdleConnectionForThatOfTheNex
     EXPECT_EQ(m_data, "whole cont");
 }
 
+TEST_F(CurlHttpClientTlsTest, TakesNoUnaskedResponseForTheNextOne) {
+    const std::string first = "HTTP/1.1 200 OK\r\nContent-Length: 4\r\n\r\none ";
+    const std::string unasked = "HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nwrong";
+    Testing::Event release;
+    ScriptedHttpServer server(TestAuthority::ForLoopback());
+    server.On("/one", Reply::Raw(first + unasked).StallAt(first.size(), release));
+    server.On("/two", Reply::Ok("two"));
+    EXPECT_EQ(Get(server.Url("/one")).errorCode, 0);
+    release.Set();
+    EXPECT_TRUE(
+        Testing::WaitUntil([&] { return HasConnectionTo(server.Port(), kClosedByServer); }));
+    EXPECT_EQ(Get(server.Url("/two")).errorCode, 0);
+    EXPECT_EQ(m_data, "one two");
+}
+
 TEST_P(CurlHttpClientHttpsTest, TakesABodyThatEndsWithTheConnection) {
     m_scripted.On("/file", Reply::Ok("content").WithoutLength());
     const NginxServer server = ServeScripted("chunked_transfer_encoding off;");

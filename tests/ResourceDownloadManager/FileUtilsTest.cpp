@@ -108,6 +108,14 @@ TEST_F(RemoveFileTest, RemovesADanglingLink) {
     EXPECT_THAT(m_log.Lines(), IsEmpty());
 }
 
+TEST_F(RemoveFileTest, LogsALinkToAFolderWithASlashBehindIt) {
+    MakeLink(MakeFolder("folder"), "link");
+    const ioPath path = m_folder / "link/";
+    EXPECT_FALSE(RemoveFile(path));
+    EXPECT_EQ(m_folder.List(), "folder link");
+    EXPECT_THAT(m_log.Errors(), ElementsAre("Failed to remove file=" + path.string()));
+}
+
 TEST_F(RemoveFileTest, SucceedsSilentlyWhenNothingIsThereAndNothingCanBeRemoved) {
     SystemCalls calls;
     calls.Fail("unlink", EROFS);
