@@ -30,7 +30,8 @@ struct ManifestDocument;
 ///                   "files": [{"path": "a/b.bin", "url": "http://example.org/other",
 ///                              "size": 123, "sha256": "64 digits"}]}]}
 ///
-/// Required are bundles, name, files and path; and baseUrl where a file has no url. A path names a
+/// Required are bundles, name, files and path; and baseUrl, an address without query and fragment,
+/// where a file has no url. A path names a
 /// file below the folder that the application gives: relative, without ".." and control characters,
 /// no path twice and none in the place of another one's folder. Anything else, and whatever is not
 /// known, is a mistake.

@@ -113,10 +113,12 @@ void ManifestBuilder::RefuseFilesInFilesPlaces() {
         for (std::size_t slash = path.find('/'); slash != std::string::npos;
              slash = path.find('/', slash + 1)) {
             const auto folder = m_places.find(path.substr(0, slash));
-            if (folder != m_places.end())
-                Refuse(place, "path " + Quoted(path) +
-                                  " needs a folder where a file is asked for, at " +
-                                  PlaceText(folder->second));
+            if (folder == m_places.end())
+                continue;
+            Refuse(place, "path " + Quoted(path) +
+                              " needs a folder where a file is asked for, at " +
+                              PlaceText(folder->second));
+            break;
         }
     }
 }

@@ -5,6 +5,7 @@
 #include "ResourceKit/ManifestBuilder.h"
 #include "ResourceKit/PathRules.h"
 #include "ResourceKit/Text.h"
+#include "ResourceKit/UrlRules.h"
 
 #include <nlohmann/json.hpp>
 
@@ -113,8 +114,11 @@ private:
 } // namespace
 
 ManifestDocument Manifest::Create(const App::ioPath& folder, const std::string& baseUrl) {
-    if (!baseUrl.empty() && !Networking::Url(baseUrl).isValid())
+    // JSON is UTF-8.
+    if (!baseUrl.empty() && (!Networking::Url(baseUrl).isValid() || !IsUtf8(baseUrl)))
         return {{}, {"baseUrl " + Quoted(baseUrl) + " is no http or https address"}};
+    if (!CanBeABase(baseUrl))
+        return {{}, {"baseUrl " + Quoted(baseUrl) + " has a query or a fragment"}};
     FolderReader reader(folder.string());
     ordered_json bundle = {{"name", kOnlyBundleName}, {"files", reader.Read()}};
     ManifestDocument document;

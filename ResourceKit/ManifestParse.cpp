@@ -4,6 +4,7 @@
 #include "ResourceKit/JsonNode.h"
 #include "ResourceKit/ManifestBuilder.h"
 #include "ResourceKit/Text.h"
+#include "ResourceKit/UrlRules.h"
 
 #include <algorithm>
 #include <cctype>
@@ -90,6 +91,9 @@ private:
         if (const JsonNode* baseUrl = Find(root, "baseUrl")) {
             CheckUrl(*baseUrl, "baseUrl");
             m_baseUrl = baseUrl->text;
+            if (!CanBeABase(m_baseUrl))
+                m_builder.Refuse(baseUrl->line,
+                                 "baseUrl " + Quoted(m_baseUrl) + " has a query or a fragment");
         }
         for (const auto& member : Find(root, "bundles")->members)
             ReadBundle(member.second);

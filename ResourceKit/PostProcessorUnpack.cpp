@@ -5,6 +5,7 @@
 #include "ResourceKit/EntryTree.h"
 #include "ResourceKit/FileCheckInternal.h"
 #include "ResourceKit/StagingFolder.h"
+#include "ResourceKit/Text.h"
 
 #include <archive.h>
 #include <archive_entry.h>
@@ -71,15 +72,6 @@ std::string TextOrNothing(const char* text) {
     return text == nullptr ? "" : text;
 }
 
-/// For a log line, whatever an archive says.
-std::string Printable(std::string text) {
-    for (char& character : text) {
-        if (static_cast<unsigned char>(character) < ' ' || character == '\x7f')
-            character = '?';
-    }
-    return text;
-}
-
 Complaint CopyContent(archive* reader, EntryTree& tree, const StopQuery& stop) {
     while (true) {
         if (stop && stop())
@@ -105,6 +97,11 @@ Complaint AddEntry(archive* reader, archive_entry* entry, EntryTree& tree, const
     const std::string path = TextOrNothing(archive_entry_pathname(entry));
     if (archive_entry_is_encrypted(entry) != 0)
         return "it is encrypted";
+    const bool isFile =
+        archive_entry_hardlink(entry) == nullptr && archive_entry_filetype(entry) == AE_IFREG;
+    // It would be skipped, however long it is, without the limits and without a way to stop.
+    if (!isFile && archive_entry_size(entry) > 0)
+        return "it has content, and is no file";
     if (const char* target = archive_entry_hardlink(entry))
         return tree.AddHardLink(path, target);
     switch (archive_entry_filetype(entry)) {

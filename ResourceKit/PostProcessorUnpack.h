@@ -34,11 +34,14 @@ namespace Halvex::Kit {
 /// content is removed. So a failure leaves the target as it was, and a crash or a power cut leaves
 /// the old content or the new one. The staging folder of a crashed process is removed by the next
 /// unpacking to the same target; one that is in use is locked (flock) and left alone, whatever
-/// process it belongs to. On a file system without such locks they all stay.
+/// process it belongs to. On a file system without such locks they all stay. NAME may be 236 bytes
+/// long where names have at most 255.
 ///
 /// Where a file system cannot exchange two folders (renameat2 with RENAME_EXCHANGE; ext4, XFS,
-/// Btrfs and tmpfs can), the old folder is moved aside first. A crash between these two steps
-/// leaves no target, never a mix; with localPath as above the resource is then downloaded again.
+/// Btrfs and tmpfs can), the old folder is moved aside first, to ".NAME.unpack-old-" and
+/// six characters. A crash between these two steps leaves no target, never a mix; with localPath as
+/// above the resource is then downloaded again. The next unpacking begins by putting the old folder
+/// back, so that it is not lost if that fails.
 ///
 /// Nothing is written outside of the staging folder, and nothing in it leads outside of the target.
 /// An archive is refused as a whole that holds
@@ -46,7 +49,8 @@ namespace Halvex::Kit {
 /// - a path that leads through a link, or a file or link where a folder is;
 /// - a symbolic link that is absolute, or that has "..", other than at its beginning and not beyond
 ///   the target folder;
-/// - a hard link to anything but a regular file that came before it in the archive;
+/// - a hard link to anything but a regular file that came before it in the archive, or one that has
+///   content of its own;
 /// - a device, a named pipe, a socket, or something encrypted;
 /// - more than the limits allow, or anything that is broken or cannot be written.
 ///

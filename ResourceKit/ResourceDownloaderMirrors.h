@@ -39,6 +39,9 @@ namespace Halvex::Kit {
 /// a descriptor by its address, such as Manifest::Find, does not know the copy; the userData is the
 /// same.
 ///
+/// The progress of a task does not fall from one mirror to the next. With Qt's HTTP client, which
+/// reports error pages as progress, it may be 1 after the first mirror that lacks the file.
+///
 /// A failure of any kind counts against the host, because a status does not tell a broken server
 /// from a full disk; what is wrong with this machine is wrong with all hosts, and then none is
 /// favoured. While the application is offline nothing counts, and no further host is tried.

@@ -67,10 +67,10 @@ struct HALVEX_HIDDEN ResourceListModel::Impl {
     class Row;
 
     Impl(ResourceListModel& owner, Clock timeSource) : model(owner), clock(std::move(timeSource)) {
-        QObject::connect(&timer, &QTimer::timeout, &timer, [this] {
-            if (!Refresh())
-                timer.stop();
-        });
+        // Not one that repeats: whoever is told of a change may run an event loop of its own, such
+        // as that of a dialog, and a timer does not go off inside its own turn.
+        timer.setSingleShot(true);
+        QObject::connect(&timer, &QTimer::timeout, &timer, [this] { TakeTurn(); });
     }
 
     /// A state has come for one of the rows. Any thread.
@@ -85,13 +85,26 @@ struct HALVEX_HIDDEN ResourceListModel::Impl {
 
     /// While the timer runs, its next turn takes what has come.
     void WakeUp() {
-        if (timer.isActive())
-            return;
-        timer.start(kUpdateInterval);
-        Refresh();
+        if (!timer.isActive())
+            TakeTurn();
     }
 
-    bool Refresh();
+    /// Goes on for as long as something comes, or moves.
+    void TakeTurn() {
+        timer.start(kUpdateInterval);
+        const bool hasArrived = TakeWakeUp();
+        Refresh();
+        if (!hasArrived && !IsMoving())
+            timer.stop();
+    }
+
+    bool TakeWakeUp() {
+        const std::lock_guard<std::mutex> lock(mutex);
+        return std::exchange(isWakeUpQueued, false);
+    }
+
+    void Refresh();
+    bool IsMoving();
 
     ResourceListModel& model;
     const Clock clock;
@@ -234,17 +247,11 @@ private:
     SpeedMeter m_speed;
 };
 
-/// Brings all rows up to date. False: nothing has come, and nothing moves that could.
-bool ResourceListModel::Impl::Refresh() {
+/// Brings all rows up to date.
+void ResourceListModel::Impl::Refresh() {
     static const QVector<int> kChanging{Qt::DisplayRole,    StatusRole,      StatusTextRole,
                                         ErrorTextRole,      ProgressRole,    BytesDoneRole,
                                         BytesPerSecondRole, SecondsLeftRole, SummaryRole};
-    bool isAlive = false;
-    {
-        const std::lock_guard<std::mutex> lock(mutex);
-        isAlive = std::exchange(isWakeUpQueued, false);
-    }
-    const SpeedMeter::Time now = clock();
     // By numbers: whoever is told of a change may add a row.
     for (std::size_t number = 0; number < rows.size(); ++number) {
         Row& row = *rows[number];
@@ -253,14 +260,18 @@ bool ResourceListModel::Impl::Refresh() {
             const std::lock_guard<std::mutex> lock(mutex);
             arrived = row.TakeArrivedLocked();
         }
-        const bool isChanged = row.Update(arrived.value_or(row.Shown()), now);
-        isAlive = isAlive || row.IsDownloading();
-        if (isChanged) {
+        if (row.Update(arrived.value_or(row.Shown()), clock())) {
             const QModelIndex index = model.index(static_cast<int>(number));
             Q_EMIT model.dataChanged(index, index, kChanging);
         }
     }
-    return isAlive;
+}
+
+/// Whether a row may change without another wake-up.
+bool ResourceListModel::Impl::IsMoving() {
+    const std::lock_guard<std::mutex> lock(mutex);
+    return isWakeUpQueued || std::any_of(rows.begin(), rows.end(),
+                                         [](const auto& row) { return row->IsDownloading(); });
 }
 
 ResourceListModel::ResourceListModel(QObject* parent, Clock clock)

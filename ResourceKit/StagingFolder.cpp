@@ -32,6 +32,15 @@ bool IsAt(const FileDescriptor& parent, const std::string& name, const FileDescr
            there.st_ino == here.st_ino;
 }
 
+std::string RandomText() {
+    std::random_device random;
+    std::uniform_int_distribution<std::size_t> distribution(0, kCharacters.size() - 1);
+    std::string text;
+    for (std::size_t i = 0; i < kRandomCharacters; ++i)
+        text += kCharacters[distribution(random)];
+    return text;
+}
+
 bool Rename(const FileDescriptor& parent, const std::string& from, const std::string& to,
             unsigned flags = 0) {
     return ::renameat2(parent.Get(), from.c_str(), parent.Get(), to.c_str(), flags) == 0;
@@ -48,7 +57,8 @@ Complaint StagingFolder::Make(const std::string& target) {
     if (Complaint complaint = OpenParent(target))
         return complaint;
     m_prefix = "." + m_target + ".unpack-";
-    RemoveLeftOvers();
+    m_asidePrefix = "." + m_target + ".unpack-old-";
+    ClearLeftOvers();
     return MakeLocked();
 }
 
@@ -96,35 +106,49 @@ Complaint StagingFolder::MakeLocked() {
 
 /// Unlike mkdtemp, with the permissions that folders usually have.
 bool StagingFolder::MakeFolder(std::string& name) const {
-    std::random_device random;
-    std::uniform_int_distribution<std::size_t> distribution(0, kCharacters.size() - 1);
     do {
-        name = m_prefix;
-        for (std::size_t i = 0; i < kRandomCharacters; ++i)
-            name += kCharacters[distribution(random)];
+        name = m_prefix + RandomText();
         if (::mkdirat(m_parent.Get(), name.c_str(), 0777) == 0)
             return true;
     } while (errno == EEXIST);
     return false;
 }
 
-void StagingFolder::RemoveLeftOvers() const {
+void StagingFolder::ClearLeftOvers() const {
+    ForEachUnused(m_prefix, [this](const std::string& name) { Remove(name); });
+    ForEachUnused(m_asidePrefix, [this](const std::string& name) {
+        if (HasTarget())
+            Remove(name);
+        else
+            Rename(m_parent, name, m_target);
+    });
+}
+
+/// The action is called for each folder that is named so and that nobody holds.
+void StagingFolder::ForEachUnused(
+    const std::string& prefix, const std::function<void(const std::string& name)>& action) const {
     std::error_code error;
     for (std::filesystem::directory_iterator entry(m_parentPath, error), end;
          !error && entry != end; entry.increment(error)) {
         const std::string name = entry->path().filename().string();
-        if (name.size() != m_prefix.size() + kRandomCharacters || name.rfind(m_prefix, 0) != 0)
+        if (name.size() != prefix.size() + kRandomCharacters || name.rfind(prefix, 0) != 0)
             continue;
         const FileDescriptor folder = OpenFolder(m_parent, name);
         if (folder && Lock(folder))
-            Remove(name);
+            action(name);
     }
+}
+
+bool StagingFolder::HasTarget() const {
+    struct stat status {};
+    return ::fstatat(m_parent.Get(), m_target.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0;
 }
 
 void StagingFolder::Remove(const std::string& name) const {
     std::error_code error;
     std::filesystem::remove_all(m_parentPath + name, error);
-    if (error)
+    // Another unpacking may clear away at the same time.
+    if (error && error != std::errc::no_such_file_or_directory)
         LOG(WARNING) << "cannot remove " << m_parentPath << name << ": " << error.message();
 }
 
@@ -145,38 +169,39 @@ Complaint StagingFolder::Exchange() {
     while (true) {
         if (Rename(m_parent, m_name, m_target, RENAME_EXCHANGE))
             return {};
-        if (errno == EINVAL || errno == ENOSYS)
-            return ExchangeByWayOfAnother();
-        if (errno == ENOENT && Rename(m_parent, m_name, m_target)) {
-            m_name.clear();
+        const bool cannotExchange = errno == EINVAL || errno == ENOSYS;
+        if (!cannotExchange && errno != ENOENT)
+            return SystemComplaint("the target folder cannot be replaced");
+        std::string old;
+        if (cannotExchange && !MoveAside(old) && errno != ENOENT)
+            return SystemComplaint("the old folder cannot be moved aside");
+        // There is no target now, or never was.
+        if (Rename(m_parent, m_name, m_target)) {
+            m_name = old;
             return {};
         }
-        // Another unpacking may have made the target meanwhile.
-        if (errno != ENOTEMPTY && errno != EEXIST)
-            return SystemComplaint("the target folder cannot be replaced");
+        // Another unpacking may have made one meanwhile.
+        const bool hasTarget = errno == ENOTEMPTY || errno == EEXIST;
+        Complaint complaint = SystemComplaint("the target folder cannot be replaced");
+        if (!hasTarget && !old.empty())
+            Rename(m_parent, old, m_target);
+        if (!hasTarget)
+            return complaint;
+        if (!old.empty())
+            Remove(old);
     }
 }
 
-Complaint StagingFolder::ExchangeByWayOfAnother() {
-    std::string aside;
-    if (!MakeFolder(aside))
-        return SystemComplaint("the old folder cannot be moved aside");
-    // Locked, so that nobody takes it for something left while it may have to go back.
-    const FileDescriptor old = OpenFolder(m_parent, m_target);
-    if (old)
-        Lock(old);
-    if (!Rename(m_parent, m_target, aside)) {
-        Complaint complaint = SystemComplaint("the old folder cannot be moved aside");
-        Remove(aside);
-        return complaint;
-    }
-    if (!Rename(m_parent, m_name, m_target)) {
-        Complaint complaint = SystemComplaint("the target folder cannot be replaced");
-        Rename(m_parent, aside, m_target);
-        return complaint;
-    }
-    m_name = aside;
-    return {};
+/// Gives the target this new name. False: errno tells why.
+bool StagingFolder::MoveAside(std::string& newName) {
+    m_old = OpenFolder(m_parent, m_target);
+    if (m_old)
+        Lock(m_old);
+    const std::string name = m_asidePrefix + RandomText();
+    if (!Rename(m_parent, m_target, name))
+        return false;
+    newName = name;
+    return true;
 }
 
 } // namespace Halvex::Kit

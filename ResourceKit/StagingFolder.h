@@ -3,6 +3,7 @@
 #include "ResourceKit/Complaint.h"
 #include "ResourceKit/FileDescriptor.h"
 
+#include <functional>
 #include <string>
 
 namespace Halvex::Kit {
@@ -20,7 +21,8 @@ public:
     StagingFolder(const StagingFolder&) = delete;
     StagingFolder& operator=(const StagingFolder&) = delete;
 
-    /// Makes the folder, and removes those that nobody uses any more. To be called once, and first.
+    /// Makes the folder. Before that it clears away what crashed processes have left, and puts the
+    /// target back if one of them had just moved it aside. To be called once, and first.
     Complaint Make(const std::string& target);
 
     /// Of the folder.
@@ -33,9 +35,12 @@ private:
     Complaint OpenParent(const std::string& target);
     Complaint MakeLocked();
     Complaint Exchange();
-    Complaint ExchangeByWayOfAnother();
+    bool MoveAside(std::string& newName);
     bool MakeFolder(std::string& name) const;
-    void RemoveLeftOvers() const;
+    void ClearLeftOvers() const;
+    void ForEachUnused(const std::string& prefix,
+                       const std::function<void(const std::string& name)>& action) const;
+    bool HasTarget() const;
     void Remove(const std::string& name) const;
 
     /// With the slash that a name in it follows.
@@ -43,12 +48,17 @@ private:
     FileDescriptor m_parent;
     /// The target's name in the parent folder.
     std::string m_target;
-    /// Of staging folders for the target; six characters follow.
+    /// Of staging folders for the target, and of targets that have been moved aside; six characters
+    /// follow.
     std::string m_prefix;
+    std::string m_asidePrefix;
     /// Empty: there is nothing to remove.
     std::string m_name;
     /// Holds the lock.
     FileDescriptor m_folder;
+    /// The old content of the target, where folders cannot be exchanged: locked as well, so that
+    /// nobody takes it for something left while it may have to go back.
+    FileDescriptor m_old;
 };
 
 } // namespace Halvex::Kit

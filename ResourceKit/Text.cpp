@@ -2,18 +2,40 @@
 
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
+
 namespace Halvex::Kit {
 
-bool HasControlCharacters(std::string_view text) {
+namespace {
+
+/// How many of the bytes that come next are a control character; 0: they begin with another one.
+std::size_t ControlCharacterAt(std::string_view text) {
+    const auto byte = static_cast<unsigned char>(text.front());
+    if (byte < 0x20 || byte == 0x7f)
+        return 1;
     // From U+0080 to U+009F they are two bytes in UTF-8, of which 0xc2 is always a first one.
-    unsigned char previous = 0;
-    for (const char character : text) {
-        const auto byte = static_cast<unsigned char>(character);
-        if (byte < 0x20 || byte == 0x7f || (previous == 0xc2 && byte >= 0x80 && byte < 0xa0))
+    const auto second = static_cast<unsigned char>(text.size() > 1 ? text[1] : '\0');
+    return byte == 0xc2 && second >= 0x80 && second < 0xa0 ? 2 : 0;
+}
+
+} // namespace
+
+bool HasControlCharacters(std::string_view text) {
+    for (; !text.empty(); text.remove_prefix(1)) {
+        if (ControlCharacterAt(text) > 0)
             return true;
-        previous = byte;
     }
     return false;
+}
+
+std::string Printable(std::string_view text) {
+    std::string printable;
+    while (!text.empty()) {
+        const std::size_t length = ControlCharacterAt(text);
+        printable += length > 0 ? '?' : text.front();
+        text.remove_prefix(std::max<std::size_t>(length, 1));
+    }
+    return printable;
 }
 
 bool IsUtf8(const std::string& text) {

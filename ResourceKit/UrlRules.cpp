@@ -53,6 +53,10 @@ std::string FileNameOf(const std::string& url) {
                                                                               : name;
 }
 
+bool CanBeABase(const std::string& url) {
+    return url.find_first_of("?#") == std::string::npos;
+}
+
 std::string EncodePath(const std::string& path) {
     static constexpr char kDigits[] = "0123456789ABCDEF";
     std::string encoded;

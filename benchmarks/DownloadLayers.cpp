@@ -80,6 +80,10 @@ void Look(const std::string& path) {
     (void)::stat(path.c_str(), &status);
 }
 
+void Remove(const std::string& path) {
+    (void)::unlink(path.c_str());
+}
+
 void Rename(const Paths& paths) {
     Checked(::rename(paths.temporary.c_str(), paths.destination.c_str()), "rename");
 }
@@ -103,14 +107,16 @@ private:
     const int m_descriptor;
 };
 
-/// The same with all the calls that the library's item and downloader make: old files are looked
-/// for at each path, only a regular file is written to, and one that fails is never synced.
+/// The same with all the calls that the library's item and downloader make: whether the file is
+/// there is looked first, old files are removed at each path, only a regular file is written to,
+/// and one that fails is never synced.
 class LibrarysFile {
 public:
     explicit LibrarysFile(const Paths& paths) : m_paths(paths) {
-        for (const std::string& path :
-             {paths.destination, paths.folder, paths.temporary, paths.destination})
-            Look(path);
+        Look(paths.destination);
+        Look(paths.folder);
+        Remove(paths.temporary);
+        Remove(paths.destination);
         m_descriptor = Create(paths.temporary);
         struct stat status {};
         Checked(::fstat(m_descriptor, &status), "fstat");
@@ -124,7 +130,7 @@ public:
         Checked(::fdatasync(source), "fdatasync");
         Rename(m_paths);
         Checked(::close(source), "close");
-        Look(m_paths.temporary);
+        Remove(m_paths.temporary);
     }
 
 private:

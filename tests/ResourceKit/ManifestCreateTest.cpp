@@ -107,6 +107,10 @@ TEST_F(ManifestCreate, LeavesOutABaseUrlThatIsNotGiven) {
 TEST_F(ManifestCreate, RefusesABaseUrlThatIsNone) {
     EXPECT_THAT(Manifest::Create(folder.Path(), "ftp://h").mistakes,
                 ElementsAre("baseUrl \"ftp://h\" is no http or https address"));
+    EXPECT_THAT(Manifest::Create(folder.Path(), "http://h/\xff").mistakes,
+                ElementsAre("baseUrl \"http://h/\\ufffd\" is no http or https address"));
+    EXPECT_THAT(Manifest::Create(folder.Path(), "http://h/?a").mistakes,
+                ElementsAre("baseUrl \"http://h/?a\" has a query or a fragment"));
 }
 
 TEST_F(ManifestCreate, FollowsLinksToFilesInTheFolderOnly) {

@@ -8,6 +8,7 @@ namespace Halvex::Kit {
 namespace {
 
 using testing::ElementsAre;
+using testing::HasSubstr;
 using testing::IsEmpty;
 using Priority = App::ISchedulableResource::SchedulePriority;
 
@@ -108,6 +109,17 @@ TEST(Manifest, RefusesOnePathInTwoBundles) {
                      "{\"name\": \"c\", \"files\": [{\"path\": \"a\"}]}]}")
                     .mistakes,
                 ElementsAre("m.json:3: path \"a\" is asked for already, at m.json:2"));
+}
+
+TEST(Manifest, RefusesABaseUrlThatNoPathCanFollow) {
+    EXPECT_THAT(Read("{\n\"baseUrl\": \"http://h/?a\", \"bundles\": []}").mistakes,
+                ElementsAre("m.json:2: baseUrl \"http://h/?a\" has a query or a fragment"));
+}
+
+TEST(Manifest, RefusesAFileInSeveralFoldersThatAreFilesOnce) {
+    EXPECT_THAT(
+        ReadFiles("{\"path\": \"a\"},\n{\"path\": \"a/b\"},\n{\"path\": \"a/b/c\"}").mistakes,
+        ElementsAre(HasSubstr(":3: path \"a/b\" needs"), HasSubstr(":4: path \"a/b/c\" needs")));
 }
 
 TEST(Manifest, RefusesAFileInTheFolderThatIsAFile) {

@@ -20,9 +20,11 @@
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
+#include <iomanip>
 #include <memory>
 #include <optional>
 #include <regex>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <utility>
@@ -44,10 +46,12 @@ using Halvex::Testing::LogCapture;
 using Halvex::Testing::ReadFile;
 using Halvex::Testing::SomeBytes;
 using Halvex::Testing::TemporaryFolder;
+using testing::Each;
 using testing::ElementsAre;
 using testing::EndsWith;
 using testing::HasSubstr;
 using testing::MatchesRegex;
+using testing::SizeIs;
 
 class PostProcessorUnpackTest : public testing::Test {
 protected:
@@ -480,6 +484,43 @@ TEST_F(PostProcessorUnpackTest, KeepsAnyTextOfAnArchiveInOneLogLine) {
                 ElementsAre(EndsWith(": entry \"a?b?[31m/../x\": its path has \"..\"")));
 }
 
+// As pax can have it: skipping it would take as long as the archive says, whatever the limits.
+TEST_F(PostProcessorUnpackTest, RefusesAHardLinkThatHasContent) {
+    m_folder.Write("target/old", "old");
+    const auto header = [](std::string name, char type, const std::string& size,
+                           const std::string& link) {
+        std::string block(512, '\0');
+        const auto put = [&block](std::size_t position, const std::string& text) {
+            block.replace(position, text.size(), text);
+        };
+        put(0, name);
+        put(100, "0000644");
+        put(124, size);
+        put(148, "        ");
+        put(156, std::string(1, type));
+        put(157, link);
+        put(257, std::string("ustar\00000", 8));
+        unsigned sum = 0;
+        for (const char character : block)
+            sum += static_cast<unsigned char>(character);
+        std::ostringstream octal;
+        octal << std::oct << std::setw(6) << std::setfill('0') << sum;
+        put(148, octal.str() + std::string("\0 ", 2));
+        return block;
+    };
+    const auto padded = [](std::string text) {
+        text.resize((text.size() + 511) / 512 * 512);
+        return text;
+    };
+    m_downloads.Write("archive", header("extension", 'x', "00000000014", "") +
+                                     padded("12 size=512\n") + header("a", '0', "00000000001", "") +
+                                     padded("A") + header("extension", 'x', "00000000014", "") +
+                                     padded("12 size=512\n") +
+                                     header("b", '1', "00000000000", "a") + padded("B") +
+                                     std::string(1024, '\0'));
+    ExpectRefused("entry \"b\": it has content, and is no file");
+}
+
 TEST_F(PostProcessorUnpackTest, FailsWhenItCannotWrite) {
     m_folder.Write("target/old", "old");
     Tar().File("small", "content").File("large", SomeBytes(100'000));
@@ -516,9 +557,34 @@ TEST_F(PostProcessorUnpackTest, StopsWhenItIsToldTo) {
 TEST_F(PostProcessorUnpackTest, RemovesWhatACrashHasLeft) {
     m_folder.Write(".target.unpack-abc123/a/file", "left");
     m_folder.Write(".target.unpack-def456/file", "left");
+    m_folder.Write(".target.unpack-old-abc123/file", "left");
+    m_folder.Write("target/old", "old");
     Zip().File("file", "content");
     EXPECT_EQ(Unpack(), 0);
     EXPECT_EQ(FolderTree(m_folder.Path()), "target/ target/file=content");
+}
+
+TEST_F(PostProcessorUnpackTest, PutsAnOldFolderBackThatACrashHasLeftAside) {
+    m_folder.Write(".target.unpack-old-abc123/old", "old");
+    m_folder.Write(".target.unpack-abc123/half", "half");
+    Tar().File("../file", "content");
+    EXPECT_EQ(Unpack(), 1);
+    EXPECT_EQ(FolderTree(m_folder.Path()), "target/ target/old=old");
+    Zip().File("file", "content");
+    EXPECT_EQ(Unpack(), 0);
+    EXPECT_EQ(FolderTree(m_folder.Path()), "target/ target/file=content");
+}
+
+TEST_F(PostProcessorUnpackTest, LeavesAnOldFolderAsideThatSomebodyIsReplacing) {
+    m_folder.Write(".target.unpack-old-abc123/old", "old");
+    const int user = ::open((m_folder / ".target.unpack-old-abc123").string().c_str(),
+                            O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    ASSERT_EQ(::flock(user, LOCK_EX), 0);
+    Tar().File("../file", "content");
+    EXPECT_EQ(Unpack(), 1);
+    EXPECT_EQ(FolderTree(m_folder.Path()),
+              ".target.unpack-old-abc123/ .target.unpack-old-abc123/old=old");
+    ::close(user);
 }
 
 TEST_F(PostProcessorUnpackTest, RemovesNothingOfOthers) {
@@ -626,6 +692,53 @@ TEST_F(PostProcessorUnpackTest, MovesTheOldFolderAsideWhereFoldersCannotBeExchan
         EXPECT_EQ(FolderTree(m_folder.Path()), "target/ target/file=content");
         EXPECT_THAT(calls.made, ElementsAre("syncfs", "exchange", "rename", "rename", "fsync"));
     }
+}
+
+TEST_F(PostProcessorUnpackTest, LocksTheOldFolderAsLongAsItIsAside) {
+    m_folder.Write("target/old", "old");
+    Zip().File("file", "content");
+    DiskCalls calls;
+    calls.renameErrors = {EINVAL};
+    std::vector<std::string> found;
+    calls.onCall = [&] {
+        for (const auto& entry : std::filesystem::directory_iterator(m_folder.Path())) {
+            const std::string name = entry.path().filename().string();
+            if (name.rfind(".target.unpack-old-", 0) != 0)
+                continue;
+            const int folder = ::open(entry.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+            EXPECT_NE(::flock(folder, LOCK_EX | LOCK_NB), 0);
+            EXPECT_EQ(errno, EWOULDBLOCK);
+            ::close(folder);
+            found.push_back(name);
+        }
+    };
+    EXPECT_EQ(Unpack(), 0);
+    // Before the new one takes the target's place, and before that is on disk.
+    EXPECT_THAT(found, SizeIs(2));
+    EXPECT_THAT(found, Each(MatchesRegex("\\.target\\.unpack-old-[a-z0-9]{6}")));
+}
+
+TEST_F(PostProcessorUnpackTest, MakesAFolderWhereFoldersCannotBeExchanged) {
+    Zip().File("file", "content");
+    DiskCalls calls;
+    calls.renameErrors = {EINVAL};
+    EXPECT_EQ(Unpack(), 0);
+    EXPECT_EQ(FolderTree(m_folder.Path()), "target/ target/file=content");
+}
+
+TEST_F(PostProcessorUnpackTest, ReplacesATargetThatAppearsWhileTheOldOneIsAside) {
+    m_folder.Write("target/old", "old");
+    Zip().File("file", "content");
+    DiskCalls calls;
+    calls.renameErrors = {EINVAL};
+    calls.onCall = [&] {
+        if (calls.made.size() == 3)
+            m_folder.Write("target/other", "other");
+    };
+    EXPECT_EQ(Unpack(), 0);
+    EXPECT_THAT(calls.made,
+                ElementsAre("syncfs", "exchange", "rename", "rename", "exchange", "fsync"));
+    EXPECT_EQ(FolderTree(m_folder.Path()), "target/ target/file=content");
 }
 
 TEST_F(PostProcessorUnpackTest, PutsTheOldFolderBackWhenTheNewOneCannotTakeItsPlace) {

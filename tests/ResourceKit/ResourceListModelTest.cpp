@@ -494,6 +494,31 @@ TEST_F(ResourceListModelTest, LetsARowBeAddedWhenItTellsOfAChange) {
     EXPECT_TRUE(ShowsStatus(Status::Available, 1));
 }
 
+// As a dialog does that says what has gone wrong.
+TEST_F(ResourceListModelTest, FollowsTheOthersWhileSomebodyRunsAnEventLoopInAChange) {
+    FakeResource& first = Make();
+    FakeResource& second = Make();
+    Add(first);
+    Add(second);
+    first.SetProgress(10);
+    ASSERT_TRUE(ShowsProgress(0.1));
+    bool isInside = false;
+    bool hasFollowed = false;
+    QObject::connect(&*m_model, &QAbstractItemModel::dataChanged, &*m_model,
+                     [&](const QModelIndex& index) {
+                         if (index.row() != 0 || std::exchange(isInside, true))
+                             return;
+                         second.SetProgress(50);
+                         hasFollowed = Shows([&] { return Progress(1) == 0.5; });
+                         second.SetAvailable();
+                     });
+    // While the timer runs, so that it is its turn that tells of it.
+    first.SetAvailable();
+    ASSERT_TRUE(Shows([&] { return isInside; }));
+    EXPECT_TRUE(hasFollowed);
+    EXPECT_TRUE(ShowsStatus(Status::Available, 1));
+}
+
 TEST_F(ResourceListModelTest, NamesItsRolesForQml) {
     const QHash<int, QByteArray> names = m_model->roleNames();
     const std::map<int, QByteArray> expected{{Role::NameRole, "name"},

@@ -20,6 +20,13 @@ TEST(Text, FindsNoControlCharactersInPlainAndForeignText) {
     EXPECT_FALSE(HasControlCharacters("\xff\xe2\x82"));
 }
 
+TEST(Text, MakesOneQuestionMarkOfEachControlCharacter) {
+    EXPECT_EQ(Printable("a\nb\x1b[2J\x7f"), "a?b?[2J?");
+    EXPECT_EQ(Printable("a\xc2\x9b[2J\xc2\x80"), "a?[2J?");
+    EXPECT_EQ(Printable("gr\xc3\xbc\xc2\xa0\xff\xc2"), "gr\xc3\xbc\xc2\xa0\xff\xc2");
+    EXPECT_EQ(Printable(""), "");
+}
+
 TEST(Text, QuotesSoThatNothingCommandsATerminal) {
     EXPECT_EQ(Quoted("a\"\x1b\n"), "\"a\\\"\\u001b\\n\"");
     EXPECT_EQ(Quoted("\xc2\x9b"), "\"\\u009b\"");

@@ -33,5 +33,12 @@ TEST(UrlRules, EncodeWhatHasAMeaningInAnAddress) {
     EXPECT_EQ(EncodePath("\xc3\xbc\\"), "%C3%BC%5C");
 }
 
+TEST(UrlRules, LetNoPathFollowAQueryOrAFragment) {
+    EXPECT_TRUE(CanBeABase("http://h"));
+    EXPECT_TRUE(CanBeABase("http://h/a%3Fb/"));
+    EXPECT_FALSE(CanBeABase("http://h/a?b"));
+    EXPECT_FALSE(CanBeABase("http://h/a#b"));
+}
+
 } // namespace
 } // namespace Halvex::Kit
