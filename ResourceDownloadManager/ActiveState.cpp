@@ -1,5 +1,6 @@
 #include "ResourceDownloadManager/ActiveState.h"
 
+#include <exception>
 #include <utility>
 
 namespace Halvex::App {
@@ -179,10 +180,7 @@ void ActiveState::CheckOwnNotificationsLocked(Deliveries& due) {
         entry.lastNotified = m_state;
         const std::uint64_t number = ++m_observers->notifications;
         entry.pending.push_back({number, isRepeat, m_state});
-        due.push_back([this, handler = handler, number] {
-            while (DeliverNext(handler, number)) {
-            }
-        });
+        due.push_back([this, handler = handler, number] { Deliver(handler, number); });
     }
 }
 
@@ -206,6 +204,22 @@ void ActiveState::UpdateChildLocked(std::size_t child, const State& state) {
 void ActiveState::Post(Deliveries due) {
     for (ITaskQueue::Task& delivery : due)
         m_notificationQueue.AddTask(std::move(delivery), ITaskQueue::Middle);
+}
+
+/// What the observer throws keeps nothing from it that comes after: the first exception leaves when
+/// all is delivered.
+void ActiveState::Deliver(IRemoteResourceEventHandler* handler, std::uint64_t number) {
+    std::exception_ptr thrown;
+    bool areMore = true;
+    while (areMore) {
+        try {
+            areMore = DeliverNext(handler, number);
+        } catch (...) {
+            thrown = thrown ? thrown : std::current_exception();
+        }
+    }
+    if (thrown)
+        std::rethrow_exception(thrown);
 }
 
 bool ActiveState::DeliverNext(IRemoteResourceEventHandler* handler, std::uint64_t number) {

@@ -128,6 +128,8 @@ private:
     std::size_t AddChild() EXCLUDES(m_mutex);
     void UpdateChildLocked(std::size_t child, const State& state) REQUIRES(m_mutex);
     void Post(Deliveries due);
+    /// Delivers all notifications that are on their way to the observer, up to that of this number.
+    void Deliver(IRemoteResourceEventHandler* handler, std::uint64_t number) EXCLUDES(m_mutex);
     /// Delivers the next notification that is on its way to the observer, unless it comes after the
     /// one of this number. True: there is another one up to that.
     bool DeliverNext(IRemoteResourceEventHandler* handler, std::uint64_t number) EXCLUDES(m_mutex);
