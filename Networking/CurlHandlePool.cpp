@@ -158,7 +158,8 @@ void CurlHandle::NoteConnection() {
     long version = CURL_HTTP_VERSION_NONE;
     curl_easy_getinfo(easy, CURLINFO_ACTIVESOCKET, &socket);
     curl_easy_getinfo(easy, CURLINFO_HTTP_VERSION, &version);
-    if (socket == CURL_SOCKET_BAD || version >= CURL_HTTP_VERSION_2_0)
+    const bool isHttp1 = version == CURL_HTTP_VERSION_1_0 || version == CURL_HTTP_VERSION_1_1;
+    if (socket == CURL_SOCKET_BAD || !isHttp1)
         return;
     const std::optional<ino_t> inode = InodeOf(socket);
     const bool isKnown = std::any_of(m_kept.begin(), m_kept.end(), [&](const Connection& kept) {

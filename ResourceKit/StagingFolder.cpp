@@ -181,12 +181,12 @@ Complaint StagingFolder::Exchange() {
             return {};
         }
         // Another unpacking may have made one meanwhile.
-        const bool hasTarget = errno == ENOTEMPTY || errno == EEXIST;
-        Complaint complaint = SystemComplaint("the target folder cannot be replaced");
-        if (!hasTarget && !old.empty())
-            Rename(m_parent, old, m_target);
-        if (!hasTarget)
+        if (errno != ENOTEMPTY && errno != EEXIST) {
+            Complaint complaint = SystemComplaint("the target folder cannot be replaced");
+            if (!old.empty())
+                Rename(m_parent, old, m_target);
             return complaint;
+        }
         if (!old.empty())
             Remove(old);
     }
