@@ -21,6 +21,7 @@
 #include <atomic>
 #include <chrono>
 #include <deque>
+#include <functional>
 #include <limits>
 #include <map>
 #include <memory>
@@ -432,24 +433,56 @@ TEST_F(ResourceListModelTest, HearsOfATenthOfAThousandth) {
     EXPECT_TRUE(ShowsProgress(0.010101));
 }
 
-TEST_F(ResourceListModelTest, ChangesAtMostTenTimesASecondInAFlood) {
-    FakeResource& resource = Make();
-    Add(resource);
-    const auto begin = std::chrono::steady_clock::now();
-    std::thread worker([&] {
-        for (std::uint64_t done = 0; done <= 10'000; ++done) {
-            resource.SetProgress(done, 10'000);
-            if (done % 10 == 0)
-                std::this_thread::sleep_for(std::chrono::microseconds(300));
-        }
+/// Reports without a pause until the model has changed ten times.
+class ResourceListModelFlood : public ResourceListModelTest {
+protected:
+    void ExpectAtMostTenTimesASecond(const std::function<void(FakeResource&)>& report) {
+        FakeResource& resource = Make();
+        Add(resource);
+        const auto begin = std::chrono::steady_clock::now();
+        std::atomic<bool> isEnough{false};
+        std::thread worker([&] {
+            while (!isEnough)
+                report(resource);
+        });
+        EXPECT_TRUE(Shows([&] { return m_changes[0] >= 10; }));
+        const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - begin;
+        isEnough = true;
+        worker.join();
+        // Qt's timers may come 5 % early.
+        EXPECT_LE(m_changes[0], elapsed.count() / 0.095 + 2);
+    }
+};
+
+TEST_F(ResourceListModelFlood, OfDownloadsChangesARowAtMostTenTimesASecond) {
+    std::uint64_t done = 0;
+    ExpectAtMostTenTimesASecond([&](FakeResource& resource) {
+        resource.SetProgress(++done % 10'000, 10'000);
+        if (done % 10'000 == 0)
+            resource.SetError(Error::GeneralError);
+    });
+}
+
+// Nothing moves there but what arrives.
+TEST_F(ResourceListModelFlood, OfEndsChangesARowAtMostTenTimesASecond) {
+    ExpectAtMostTenTimesASecond([](FakeResource& resource) {
+        resource.SetError(Error::GeneralError);
         resource.SetAvailable();
     });
-    EXPECT_TRUE(ShowsStatus(Status::Available));
-    worker.join();
-    const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - begin;
-    // Qt's timers may come 5 % early.
-    EXPECT_LE(m_changes[0], elapsed.count() / 0.095 + 2);
-    EXPECT_GT(m_changes[0], 1);
+}
+
+// So that what arrives a moment later does not change the row at once.
+TEST_F(ResourceListModelTest, TakesAnotherTurnAfterAnArrival) {
+    FakeResource& resource = Make();
+    const auto* timer = m_model->findChild<QTimer*>();
+    Add(resource);
+    ASSERT_TRUE(Shows([&] { return m_reads > 0 && !timer->isActive(); }));
+    int readsAtChange = 0;
+    QObject::connect(&*m_model, &QAbstractItemModel::dataChanged, &*m_model,
+                     [&] { readsAtChange = m_reads; });
+    resource.SetAvailable();
+    ASSERT_TRUE(ShowsStatus(Status::Available));
+    EXPECT_TRUE(Shows([&] { return m_reads > readsAtChange; }));
 }
 
 TEST_F(ResourceListModelTest, RestsWhenNothingMoves) {
