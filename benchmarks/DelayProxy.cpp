@@ -139,8 +139,8 @@ void Accept(int listener, int port, Clock::duration delay, std::list<Connection>
     connections.emplace_back(client, server, delay);
 }
 
-/// Milliseconds until the next piece is due; -1: none is.
-int TimeToWait(const std::list<Connection>& connections) {
+/// How long until the next piece is due; nothing: none is.
+std::optional<timespec> TimeToWait(const std::list<Connection>& connections) {
     std::optional<Clock::time_point> next;
     for (const Connection& connection : connections) {
         for (const Direction* direction : {&connection.there, &connection.back}) {
@@ -149,9 +149,10 @@ int TimeToWait(const std::list<Connection>& connections) {
         }
     }
     if (!next)
-        return -1;
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(*next - Clock::now());
-    return static_cast<int>(std::max<std::chrono::milliseconds::rep>(left.count(), 0));
+        return std::nullopt;
+    const auto left = std::chrono::duration_cast<std::chrono::nanoseconds>(*next - Clock::now());
+    // The delay is shorter than a second.
+    return timespec{0, std::max<long>(left.count(), 0)};
 }
 
 void Serve(int listener, int port, Clock::duration delay) {
@@ -165,7 +166,9 @@ void Serve(int listener, int port, Clock::duration delay) {
             watched.push_back({connection.client, events(connection.there), 0});
             watched.push_back({connection.server, events(connection.back), 0});
         }
-        Checked(::poll(watched.data(), watched.size(), TimeToWait(connections)), "poll");
+        // Not poll, which would round up to whole milliseconds.
+        const auto wait = TimeToWait(connections);
+        Checked(::ppoll(watched.data(), watched.size(), wait ? &*wait : nullptr, nullptr), "ppoll");
         auto entry = std::next(watched.begin());
         for (auto connection = connections.begin(); connection != connections.end();) {
             for (Direction* direction : {&connection->there, &connection->back}) {
