@@ -6,28 +6,25 @@
 
 namespace Halvex::Fetch {
 
-using Status = App::IRemoteResource::DownloadStatus;
-
 FileObserver::FileObserver(std::size_t files, const Wakeup& wakeup)
-    : m_wakeup(wakeup), m_flags(files) {}
+    : m_wakeup(wakeup), m_available(files), m_missing(files) {}
 
 App::IRemoteResource::NotificationParams FileObserver::Params() {
     App::IRemoteResource::NotificationParams params;
     params.notifyProgress = false;
-    params.statuses = {Status::Dowloading, Status::Available};
+    params.statuses = {App::IRemoteResource::DownloadStatus::Available};
     return params;
 }
 
-void FileObserver::OnStateChanged(App::IRemoteResource::State state,
+void FileObserver::OnStateChanged(App::IRemoteResource::State,
                                   const App::ResourceDescriptorBundle* bundle) {
     bool isFirst = false;
     {
         const std::lock_guard lock(m_mutex);
-        Flags& flags = m_flags[bundle->userData];
-        if (state.status == Status::Dowloading)
-            flags.downloaded = true;
-        if (state.status != Status::Available || std::exchange(flags.available, true))
+        if (m_available[bundle->userData])
             return;
+        m_available[bundle->userData] = true;
+        --m_missing;
         isFirst = m_newlyAvailable.empty();
         m_newlyAvailable.push_back(bundle->userData);
     }
@@ -40,9 +37,9 @@ std::vector<std::size_t> FileObserver::TakeAvailable() {
     return std::exchange(m_newlyAvailable, {});
 }
 
-bool FileObserver::WasDownloaded(std::size_t file) const {
+bool FileObserver::AreAllAvailable() const {
     const std::lock_guard lock(m_mutex);
-    return m_flags[file].downloaded;
+    return m_missing == 0;
 }
 
 } // namespace Halvex::Fetch

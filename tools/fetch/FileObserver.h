@@ -9,8 +9,8 @@
 
 namespace Halvex::Fetch {
 
-/// Hears from the library which files are being downloaded and which have become available, and
-/// wakes the thread that reports it. Thread-safe.
+/// Hears from the library which files have become available, and wakes the thread that reports it.
+/// Thread-safe.
 class FileObserver : public App::IRemoteResourceEventHandler {
 public:
     /// Borrows the wake-up, which must outlive this. A bundle's userData is the number of its file.
@@ -24,19 +24,14 @@ public:
 
     /// The files that have become available since the last call, each once.
     std::vector<std::size_t> TakeAvailable();
-    /// Whether a download of the file has ever begun.
-    bool WasDownloaded(std::size_t file) const;
+    bool AreAllAvailable() const;
 
 private:
-    struct Flags {
-        bool downloaded = false;
-        bool available = false;
-    };
-
     const Wakeup& m_wakeup;
     mutable std::mutex m_mutex;
-    /// Both guarded by m_mutex.
-    std::vector<Flags> m_flags;
+    /// All guarded by m_mutex.
+    std::vector<bool> m_available;
+    std::size_t m_missing;
     std::vector<std::size_t> m_newlyAvailable;
 };
 

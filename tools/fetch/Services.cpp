@@ -46,6 +46,7 @@ App::ResourceDownloadManager::Dependencies MakeServices(const Options& options,
     services.resourceDownloader = std::make_shared<MeteredDownloader>(
         MakeDownloader(options, services.networkStateChecker),
         [&](const App::ResourceDescriptor& descriptor) -> TransferMeter::Count& {
+            meter.NoteBegin(descriptor.userData);
             return meter.Of(manifest.Find(descriptor)->bundle);
         });
     services.validator = std::make_shared<Kit::ValidatorSha256>(expected, stop);

@@ -45,7 +45,8 @@ Session::Session(const Options& options, const Kit::Manifest& manifest, Signals&
     : m_manifest(manifest), m_signals(signals), m_reports(std::move(reports)),
       m_wantsProgress(std::any_of(m_reports.begin(), m_reports.end(),
                                   [](const IReport* report) { return report->WantsProgress(); })),
-      m_observer(manifest.Files().size(), m_wakeup), m_meter(manifest.Bundles().size()),
+      m_observer(manifest.Files().size(), m_wakeup),
+      m_meter(manifest.Bundles().size(), manifest.Files().size()),
       m_bundles(manifest.Bundles().size()), m_reported(manifest.Files().size()) {
     App::ResourceDownloadManager::Params params;
     params.useParallelExecutor = true;
@@ -54,15 +55,11 @@ Session::Session(const Options& options, const Kit::Manifest& manifest, Signals&
                    MakeServices(options, manifest, m_meter, [this] { return m_aborted.load(); }));
 }
 
-Session::~Session() {
-    for (IRemoteResource* file : m_files)
-        file->UnregisterEventHandler(&m_observer);
-}
-
 int Session::Run() {
-    RegisterFiles();
     ScheduleBundles();
     std::thread worker([this] { Work(); });
+    // An observer that comes late is told what has become of a file meanwhile.
+    RegisterFiles();
     ReportProgress();
     const bool interrupted = WaitForEnd();
     if (interrupted)
@@ -99,7 +96,10 @@ void Session::ScheduleBundles() {
 
 void Session::Work() {
     try {
-        m_manager.ProcessCurrentQueue();
+        // Not ProcessCurrentQueue: it makes sure that no queue has anything left, and starts all
+        // threads for that.
+        while (!m_observer.AreAllAvailable() && m_manager.ProcessCurrentQueueQuant()) {
+        }
     } catch (const std::exception& exception) {
         // Such as threads that cannot be started; what is not done now counts as given up.
         LOG(ERROR) << "the work has ended early: " << exception.what();
@@ -161,7 +161,7 @@ void Session::ReportFile(std::size_t file, const IRemoteResource::State& state, 
         ++bundle.filesDone;
         bundle.bytesToGo -= entry.expected.size.value_or(0);
         ++m_summary.available;
-        if (m_observer.WasDownloaded(file))
+        if (m_meter.HasBegun(file))
             m_summary.bytes += SizeOf(entry.descriptor.localPath);
     } else {
         ++m_summary.failed;

@@ -26,7 +26,6 @@ public:
     /// Borrows all, which must outlive this. Needs a QCoreApplication.
     Session(const Options& options, const Kit::Manifest& manifest, Signals& signals,
             std::vector<IReport*> reports);
-    ~Session();
 
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;

@@ -24,7 +24,7 @@ protected:
     }
 
     App::ResourceDescriptor descriptor;
-    TransferMeter meter{1};
+    TransferMeter meter{1, 1};
     std::shared_ptr<FakeDownloader> fake = std::make_shared<FakeDownloader>();
     MeteredDownloader downloader{fake,
                                  [this](const App::ResourceDescriptor&) -> TransferMeter::Count& {
