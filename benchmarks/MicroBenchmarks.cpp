@@ -1,6 +1,7 @@
 // What the library's own bookkeeping costs, without network and almost without disk.
 
 #include <ResourceDownloadManager/Downloader/IResourceDownloader.h>
+#include <ResourceDownloadManager/FileUtils.h>
 #include <ResourceDownloadManager/IRemoteResource.h>
 #include <ResourceDownloadManager/IRemoteResourceScheduler.h>
 #include <ResourceDownloadManager/RemoteResourceEventHandlerCallback.h>
@@ -139,6 +140,18 @@ void ResourcesThatArePresent(benchmark::State& state) {
     TakeOneWayThrough(state, resources);
 }
 BENCHMARK(ResourcesThatArePresent)->Arg(1'000)->Arg(10'000)->Arg(100'000);
+
+/// What the system takes of the above.
+void FilesThatExist(benchmark::State& state) {
+    Resources resources(state.range(0));
+    const Files files(resources);
+    for (auto _ : state) {
+        for (const ResourceDescriptor& descriptor : resources.descriptors)
+            benchmark::DoNotOptimize(Halvex::App::FileExists(descriptor.localPath));
+    }
+    state.SetItemsProcessed(state.iterations() * state.range(0));
+}
+BENCHMARK(FilesThatExist)->Arg(1'000)->Arg(100'000);
 
 void ResourcesThatAreDownloaded(benchmark::State& state) {
     Resources resources(state.range(0));

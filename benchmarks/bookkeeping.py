@@ -38,6 +38,9 @@ def verdicts(results):
         yield f"{name}: us per resource of 100,000", many / MICROSECOND, \
             15 if name == "ResourcesThatAreDownloaded" else None, False
         yield f"{name}: 100,000 against 1,000", many / few, 1.5, False
+    few, many = (results.per_item(f"FilesThatExist/{n}", n) for n in (1000, 100000))
+    yield "the look for those that are present alone: us", many / MICROSECOND, None, False
+    yield "the look alone: 100,000 against 1,000", many / few, None, False
     yield "a progress report that is due for nobody, bundle of 100,000: us", \
         results.nanoseconds("ProgressReport/100000") / MICROSECOND, 1, False
     yield "memory of a registered resource: bytes", \
