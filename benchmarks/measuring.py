@@ -88,14 +88,17 @@ def measure(command, output, finish=None):
 
 
 def medians(commands, output, runs, expected_bytes, finish=None):
-    """The median costs by name; each command is run in turn, each run must fetch all bytes."""
+    """The median costs by name; the commands are run in turn, another one first in each round, and
+    each run must fetch all bytes."""
     costs = {name: [] for name in commands}
+    names = list(commands)
     for _ in range(runs):
-        for name, command in commands.items():
-            costs[name].append(measure(command, output, (finish or {}).get(name)))
+        for name in names:
+            costs[name].append(measure(commands[name], output, (finish or {}).get(name)))
             arrived = sum(entry.stat().st_size for entry in pathlib.Path(output).iterdir())
             if arrived != expected_bytes:
                 raise RuntimeError(f"{name} has fetched {arrived} of {expected_bytes} bytes")
+        names.append(names.pop(0))
     return {name: Cost(*(statistics.median(getattr(cost, what) for cost in samples)
                          for what in ("cpu", "wall", "memory")))
             for name, samples in costs.items()}
