@@ -78,6 +78,7 @@ private:
     std::atomic<bool> m_aborted{false};
     /// For each file a bundle of it alone, whose state is the file's. The userData is the file's.
     std::deque<App::ResourceDescriptorBundle> m_alone;
+    /// Behind all that it calls and borrows, so that it ends before them.
     App::ResourceDownloadManager m_manager;
 
     /// By their places in the manifest.
