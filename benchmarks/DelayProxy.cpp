@@ -150,9 +150,9 @@ std::optional<timespec> TimeToWait(const std::list<Connection>& connections) {
     }
     if (!next)
         return std::nullopt;
-    const auto left = std::chrono::duration_cast<std::chrono::nanoseconds>(*next - Clock::now());
-    // The delay is shorter than a second.
-    return timespec{0, std::max<long>(left.count(), 0)};
+    const auto left = std::max<std::chrono::nanoseconds>(*next - Clock::now(), {});
+    const auto seconds = std::chrono::floor<std::chrono::seconds>(left);
+    return timespec{seconds.count(), (left - seconds).count()};
 }
 
 void Serve(int listener, int port, Clock::duration delay) {

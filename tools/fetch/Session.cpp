@@ -58,10 +58,19 @@ Session::Session(const Options& options, const Kit::Manifest& manifest, Signals&
 int Session::Run() {
     ScheduleBundles();
     std::thread worker([this] { Work(); });
-    // An observer that comes late is told what has become of a file meanwhile.
-    RegisterFiles();
-    ReportProgress();
-    const bool interrupted = WaitForEnd();
+    bool interrupted = false;
+    try {
+        // An observer that comes late is told what has become of a file meanwhile.
+        RegisterFiles();
+        ReportProgress();
+        interrupted = WaitForEnd();
+    } catch (...) {
+        // Such as a lack of memory, which whoever called tells of.
+        m_aborted = true;
+        m_manager.Abort();
+        worker.join();
+        throw;
+    }
     if (interrupted)
         Abort();
     worker.join();
