@@ -18,6 +18,7 @@ public:
     /// Borrows both, which must outlive this. The stream is the one that the console draws on.
     BarReport(Console& console, std::FILE* stream) : m_console(console), m_stream(stream) {}
 
+    bool ShowsSuccess() const override { return true; }
     void OnFileEnded(const FileResult&) override {}
     void OnProgress(const std::vector<BundleProgress>& bundles) override;
     bool WantsProgress() const override { return true; }

@@ -48,12 +48,16 @@ class IReport {
 public:
     virtual ~IReport() = default;
 
-    /// Called once for each file.
+    /// Whether it shows more than what has failed. If no report does, the files of a bundle that is
+    /// available are not looked at one by one.
+    virtual bool ShowsSuccess() const = 0;
+    /// Called once for each file, or, if no report ShowsSuccess, at least for each that is not
+    /// available.
     virtual void OnFileEnded(const FileResult& result) = 0;
     /// Called at most ten times in any second, if WantsProgress, and before the summary.
     virtual void OnProgress(const std::vector<BundleProgress>& bundles) = 0;
     virtual bool WantsProgress() const = 0;
-    /// Called once, last.
+    /// Called once, last, if ShowsSuccess.
     virtual void OnSummary(const Summary& summary) = 0;
 };
 

@@ -21,6 +21,7 @@ public:
 /// Lines of JSON on standard output: one for each file, and the summary.
 class JsonReport : public LineReport {
 public:
+    bool ShowsSuccess() const override { return true; }
     void OnFileEnded(const FileResult& result) override;
     void OnSummary(const Summary& summary) override;
 };
@@ -31,6 +32,7 @@ public:
     /// Borrows the stream to write to; it counts the files of so many.
     PlainReport(std::FILE* stream, std::size_t files) : m_stream(stream), m_files(files) {}
 
+    bool ShowsSuccess() const override { return true; }
     void OnFileEnded(const FileResult& result) override;
     void OnSummary(const Summary& summary) override;
 
@@ -48,6 +50,7 @@ public:
     /// Borrows the console, which must outlive this.
     explicit FailureReport(Console& console) : m_console(console) {}
 
+    bool ShowsSuccess() const override { return false; }
     void OnFileEnded(const FileResult& result) override;
     void OnSummary(const Summary&) override {}
 

@@ -45,7 +45,9 @@ Session::Session(const Options& options, const Kit::Manifest& manifest, Signals&
     : m_manifest(manifest), m_signals(signals), m_reports(std::move(reports)),
       m_wantsProgress(std::any_of(m_reports.begin(), m_reports.end(),
                                   [](const IReport* report) { return report->WantsProgress(); })),
-      m_observer(manifest.Files().size(), m_wakeup),
+      m_showsSuccess(std::any_of(m_reports.begin(), m_reports.end(),
+                                 [](const IReport* report) { return report->ShowsSuccess(); })),
+      m_observer(m_showsSuccess ? manifest.Files().size() : manifest.Bundles().size(), m_wakeup),
       m_meter(manifest.Bundles().size(), manifest.Files().size()),
       m_bundles(manifest.Bundles().size()), m_reported(manifest.Files().size()) {
     App::ResourceDownloadManager::Params params;
@@ -61,7 +63,7 @@ int Session::Run() {
     bool interrupted = false;
     try {
         // An observer that comes late is told what has become of a file meanwhile.
-        RegisterFiles();
+        Observe();
         ReportProgress();
         interrupted = WaitForEnd();
     } catch (...) {
@@ -82,18 +84,6 @@ App::IRemoteResourceScheduler& Session::SchedulerOf(std::size_t bundle) const {
                                                 : *m_manager.GetMainScheduler();
 }
 
-void Session::RegisterFiles() {
-    const IRemoteResource::NotificationParams params = FileObserver::Params();
-    for (const Kit::Manifest::File& file : m_manifest.Files()) {
-        App::ResourceDescriptorBundle& alone = m_alone.emplace_back();
-        alone.descriptors.insert(&file.descriptor);
-        alone.userData = file.descriptor.userData;
-        IRemoteResource* resource = SchedulerOf(file.bundle).Register(&alone);
-        resource->RegisterEventHandler(&m_observer, params);
-        m_files.push_back(resource);
-    }
-}
-
 void Session::ScheduleBundles() {
     for (std::size_t i = 0; i < m_bundles.size(); ++i) {
         const Kit::Manifest::Bundle& bundle = m_manifest.Bundles()[i];
@@ -101,6 +91,25 @@ void Session::ScheduleBundles() {
         m_bundles[i].group =
             SchedulerOf(i).RegisterAutoSchedule(&bundle.descriptors, bundle.priority);
     }
+}
+
+void Session::Observe() {
+    const IRemoteResource::NotificationParams params = AvailabilityObserver::Params();
+    if (m_showsSuccess) {
+        for (std::size_t file = 0; file < m_reported.size(); ++file)
+            RegisterAlone(file).RegisterEventHandler(&m_observer, params);
+    } else {
+        for (const Bundle& bundle : m_bundles)
+            bundle.group->RegisterEventHandler(&m_observer, params);
+    }
+}
+
+IRemoteResource& Session::RegisterAlone(std::size_t file) {
+    const Kit::Manifest::File& entry = m_manifest.Files()[file];
+    App::ResourceDescriptorBundle& alone = m_alone.emplace_back();
+    alone.descriptors.insert(&entry.descriptor);
+    alone.userData = file;
+    return *SchedulerOf(entry.bundle).Register(&alone);
 }
 
 void Session::Work() {
@@ -158,14 +167,17 @@ bool Session::EndsWithin(std::chrono::milliseconds limit) {
 }
 
 void Session::ReportAvailable() {
+    if (!m_showsSuccess)
+        return;
     for (const std::size_t file : m_observer.TakeAvailable())
         ReportFile(file, {Status::Available, IRemoteResource::DownloadError::NoError, 1.0}, false);
 }
 
-void Session::ReportFile(std::size_t file, const IRemoteResource::State& state, bool givenUp) {
+void Session::ReportFile(std::size_t file, const IRemoteResource::State& state, bool interrupted) {
     m_reported[file] = true;
     const Kit::Manifest::File& entry = m_manifest.Files()[file];
-    if (state.status == Status::Available) {
+    const bool isAvailable = state.status == Status::Available;
+    if (isAvailable) {
         Bundle& bundle = m_bundles[entry.bundle];
         ++bundle.filesDone;
         bundle.bytesToGo -= entry.expected.size.value_or(0);
@@ -175,7 +187,8 @@ void Session::ReportFile(std::size_t file, const IRemoteResource::State& state, 
     } else {
         ++m_summary.failed;
     }
-    const FileResult result{m_manifest.Bundles()[entry.bundle].name, entry.path, state, givenUp};
+    const FileResult result{m_manifest.Bundles()[entry.bundle].name, entry.path, state,
+                            !isAvailable && !interrupted};
     for (IReport* report : m_reports)
         report->OnFileEnded(result);
 }
@@ -217,18 +230,24 @@ void Session::ReportProgress() {
         report->OnProgress(bundles);
 }
 
+bool Session::IsToldByBundle(std::size_t file) const {
+    const Bundle& bundle = m_bundles[m_manifest.Files()[file].bundle];
+    return !m_showsSuccess && bundle.group->GetState().status == Status::Available;
+}
+
 int Session::Conclude(bool interrupted) {
     ReportAvailable();
     ReportProgress();
-    for (std::size_t file = 0; file < m_files.size(); ++file) {
-        if (m_reported[file])
-            continue;
-        ReportFile(file, m_files[file]->GetState(), !interrupted);
+    for (std::size_t file = 0; file < m_reported.size(); ++file) {
+        if (!m_reported[file] && !IsToldByBundle(file))
+            ReportFile(file, RegisterAlone(file).GetState(), interrupted);
     }
     m_summary.seconds = std::chrono::duration<double>(Clock::now() - m_begin).count();
     m_summary.interrupted = interrupted;
-    for (IReport* report : m_reports)
-        report->OnSummary(m_summary);
+    for (IReport* report : m_reports) {
+        if (report->ShowsSuccess())
+            report->OnSummary(m_summary);
+    }
     if (interrupted)
         return Interrupted;
     return m_summary.failed == 0 ? AllAvailable : SomeGivenUp;

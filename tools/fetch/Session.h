@@ -1,6 +1,6 @@
 #pragma once
 
-#include "FileObserver.h"
+#include "AvailabilityObserver.h"
 #include "IReport.h"
 #include "MeteredDownloader.h"
 #include "ResourceDownloadManager/IRemoteResource.h"
@@ -45,8 +45,10 @@ private:
     };
 
     App::IRemoteResourceScheduler& SchedulerOf(std::size_t bundle) const;
-    void RegisterFiles();
     void ScheduleBundles();
+    void Observe();
+    /// A bundle of the file alone, whose state is the file's and whose userData its number.
+    App::IRemoteResource& RegisterAlone(std::size_t file);
     void Work();
     /// Returns at the end of the work or after a signal; true: after a signal.
     bool WaitForEnd();
@@ -54,9 +56,11 @@ private:
     /// Whether the work has ended within that time.
     bool EndsWithin(std::chrono::milliseconds limit);
     void ReportAvailable();
-    void ReportFile(std::size_t file, const App::IRemoteResource::State& state, bool givenUp);
+    void ReportFile(std::size_t file, const App::IRemoteResource::State& state, bool interrupted);
     void ReportProgressIfDue();
     void ReportProgress();
+    /// Whether nobody asks more of the file than that its whole bundle is available.
+    bool IsToldByBundle(std::size_t file) const;
     int Conclude(bool interrupted);
     std::optional<std::chrono::milliseconds> TimeToProgress() const;
 
@@ -64,6 +68,7 @@ private:
     Signals& m_signals;
     const std::vector<IReport*> m_reports;
     const bool m_wantsProgress;
+    const bool m_showsSuccess;
     const std::chrono::steady_clock::time_point m_begin = std::chrono::steady_clock::now();
     std::chrono::steady_clock::time_point m_lastProgress;
 
@@ -72,17 +77,17 @@ private:
     const Wakeup m_end;
     /// Written by the working thread at its end.
     std::atomic<bool> m_workEnded{false};
-    FileObserver m_observer;
+    /// Of each file if a report shows success, otherwise of each bundle.
+    AvailabilityObserver m_observer;
     TransferMeter m_meter;
     /// Written by Abort, read by checks of files.
     std::atomic<bool> m_aborted{false};
-    /// For each file a bundle of it alone, whose state is the file's. The userData is the file's.
+    /// What RegisterAlone has made.
     std::deque<App::ResourceDescriptorBundle> m_alone;
     /// Behind all that it calls and borrows, so that it ends before them.
     App::ResourceDownloadManager m_manager;
 
     /// By their places in the manifest.
-    std::vector<App::IRemoteResource*> m_files;
     std::vector<Bundle> m_bundles;
     std::vector<bool> m_reported;
     Summary m_summary;

@@ -155,6 +155,21 @@ TEST_F(HalvexFetchFromNginx, WritesNothingWhenNoProgressIsWanted) {
     EXPECT_EQ(result.out + result.err, "");
 }
 
+TEST_F(HalvexFetchFromNginx, NamesEachFileThatWasGivenUpWhenNoProgressIsWanted) {
+    for (const char* name : {"a", "b", "c"})
+        site.Write(name, name);
+    const std::string manifest =
+        WriteManifest(server.Url("/"), {StartupBundle("all", {File("a")}),
+                                        Bundle("most", {File("b"), File("missing"), File("c")}),
+                                        Bundle("none", {File("lost")}), Bundle("empty", {})});
+    const auto result = Run({"--progress", "none", "--log-level", "none", manifest});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(result.err, "halvex-fetch: missing failed: GeneralError\n"
+                          "halvex-fetch: lost failed: GeneralError\n");
+    EXPECT_THAT(OutputFiles(), ElementsAre("a", "b", "c"));
+}
+
 TEST_F(HalvexFetchFromNginx, FindsEverythingPresentTheSecondTime) {
     site.Write("a", "content");
     site.Write("b", "checked");
@@ -427,9 +442,12 @@ TEST_F(HalvexFetch, MakesNoManifestOfWhatItCannotRead) {
 }
 
 TEST_F(HalvexFetch, RefusesInputThatCannotBeRead) {
-    EXPECT_EQ(Run({(input / "missing.json").string()}).status, 2);
-    EXPECT_EQ(Run({input.Path()}).status, 2);
-    EXPECT_EQ(Run({"-i", (input / "missing").string()}).status, 2);
+    for (const std::string& name : {(input / "missing").string(), input.Path()}) {
+        for (const auto& result : {Run({name}), Run({"-i", name})}) {
+            EXPECT_EQ(result.status, 2);
+            EXPECT_EQ(result.err, name + ": cannot be read\n");
+        }
+    }
     EXPECT_EQ(Run({"-i", "-"}, "no address\n").err,
               "standard input:1: \"no address\" is no http or https address\n");
     EXPECT_EQ(Run({}).status, 2);

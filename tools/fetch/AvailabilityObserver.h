@@ -9,12 +9,13 @@
 
 namespace Halvex::Fetch {
 
-/// Hears from the library which files have become available, and wakes the thread that reports it.
-/// Thread-safe.
-class FileObserver : public App::IRemoteResourceEventHandler {
+/// Hears from the library which bundles have become available, and wakes the thread that reports
+/// it. Thread-safe.
+class AvailabilityObserver : public App::IRemoteResourceEventHandler {
 public:
-    /// Borrows the wake-up, which must outlive this. A bundle's userData is the number of its file.
-    FileObserver(std::size_t files, const Wakeup& wakeup);
+    /// For so many bundles, whose userData are their numbers. Borrows the wake-up, which must
+    /// outlive this.
+    AvailabilityObserver(std::size_t bundles, const Wakeup& wakeup);
 
     /// The states that this is to be told of.
     static App::IRemoteResource::NotificationParams Params();
@@ -22,7 +23,7 @@ public:
     void OnStateChanged(App::IRemoteResource::State state,
                         const App::ResourceDescriptorBundle* bundle) override;
 
-    /// The files that have become available since the last call, each once.
+    /// The bundles that have become available since the last call, each once.
     std::vector<std::size_t> TakeAvailable();
     bool AreAllAvailable() const;
 

@@ -1,4 +1,4 @@
-#include "FileObserver.h"
+#include "AvailabilityObserver.h"
 
 #include "ResourceDownloadManager/ResourceDescriptor.h"
 
@@ -6,18 +6,18 @@
 
 namespace Halvex::Fetch {
 
-FileObserver::FileObserver(std::size_t files, const Wakeup& wakeup)
-    : m_wakeup(wakeup), m_available(files), m_missing(files) {}
+AvailabilityObserver::AvailabilityObserver(std::size_t bundles, const Wakeup& wakeup)
+    : m_wakeup(wakeup), m_available(bundles), m_missing(bundles) {}
 
-App::IRemoteResource::NotificationParams FileObserver::Params() {
+App::IRemoteResource::NotificationParams AvailabilityObserver::Params() {
     App::IRemoteResource::NotificationParams params;
     params.notifyProgress = false;
     params.statuses = {App::IRemoteResource::DownloadStatus::Available};
     return params;
 }
 
-void FileObserver::OnStateChanged(App::IRemoteResource::State,
-                                  const App::ResourceDescriptorBundle* bundle) {
+void AvailabilityObserver::OnStateChanged(App::IRemoteResource::State,
+                                          const App::ResourceDescriptorBundle* bundle) {
     bool isFirst = false;
     {
         const std::lock_guard lock(m_mutex);
@@ -32,12 +32,12 @@ void FileObserver::OnStateChanged(App::IRemoteResource::State,
         m_wakeup.Notify();
 }
 
-std::vector<std::size_t> FileObserver::TakeAvailable() {
+std::vector<std::size_t> AvailabilityObserver::TakeAvailable() {
     const std::lock_guard lock(m_mutex);
     return std::exchange(m_newlyAvailable, {});
 }
 
-bool FileObserver::AreAllAvailable() const {
+bool AvailabilityObserver::AreAllAvailable() const {
     const std::lock_guard lock(m_mutex);
     return m_missing == 0;
 }
