@@ -59,7 +59,9 @@ void ManifestBuilder::AddFile(std::size_t place, File file) {
     added.path = std::move(file.path);
     added.expected = std::move(file.expected);
     added.bundle = bundle.descriptors.userData;
-    bundle.descriptors.descriptors.insert(&added.descriptor);
+    // Most often it lies behind all the others.
+    auto& members = bundle.descriptors.descriptors;
+    members.insert(members.end(), &added.descriptor);
     bundle.totalBytes = Add(bundle.totalBytes, added.expected.size);
 }
 

@@ -1,5 +1,6 @@
 #include "ResourceKit/UrlRules.h"
 
+#include <algorithm>
 #include <cctype>
 #include <string_view>
 
@@ -40,7 +41,8 @@ bool StandsForItself(char character) {
 } // namespace
 
 std::string FileNameOf(const std::string& url) {
-    const std::string_view text = std::string_view(url).substr(0, url.find_first_of("?#"));
+    const std::string_view text =
+        std::string_view(url).substr(0, std::min(url.find('?'), url.find('#')));
     const std::size_t authority = text.find("://");
     if (authority == std::string_view::npos)
         return {};

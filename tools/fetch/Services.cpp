@@ -13,6 +13,12 @@
 #include "ResourceKit/ValidatorSha256.h"
 #include "SourceDownloader.h"
 
+#include <cstdint>
+#include <memory>
+#include <utility>
+
+#include <sys/stat.h>
+
 namespace Halvex::Fetch {
 
 namespace {
@@ -29,6 +35,28 @@ MakeDownloader(const Options& options,
         Networking::createHttpClient(options.client), std::make_shared<App::QtProxyProvider>(),
         networkStateChecker);
 }
+
+/// A file without a checksum counts because it is there, but not a folder in its place.
+class Validator : public App::IValidator {
+public:
+    Validator(Kit::ExpectedFileLookup expected, Kit::StopQuery stop)
+        : m_expected(expected), m_sha256(std::move(expected), std::move(stop)) {}
+
+    std::int32_t Validate(const App::ResourceDescriptor* descriptor) override {
+        const bool counts =
+            m_expected(*descriptor).sha256.empty() && !IsFolder(descriptor->localPath);
+        return counts ? 0 : m_sha256.Validate(descriptor);
+    }
+
+private:
+    static bool IsFolder(const App::ioPath& path) {
+        struct stat status {};
+        return ::stat(path.string().c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+    }
+
+    const Kit::ExpectedFileLookup m_expected;
+    Kit::ValidatorSha256 m_sha256;
+};
 
 } // namespace
 
@@ -49,7 +77,7 @@ App::ResourceDownloadManager::Dependencies MakeServices(const Options& options,
             meter.NoteBegin(descriptor.userData);
             return meter.Of(manifest.Find(descriptor)->bundle);
         });
-    services.validator = std::make_shared<Kit::ValidatorSha256>(expected, stop);
+    services.validator = std::make_shared<Validator>(expected, stop);
     services.postProcessor = std::make_shared<Kit::PostProcessorInstall>(expected, stop);
     if (options.trace) {
         App::EventTracer::Params params;

@@ -15,11 +15,11 @@
 
 #include <QtCore/QCoreApplication>
 
+#include <array>
 #include <exception>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
-#include <iterator>
 #include <optional>
 #include <system_error>
 
@@ -42,12 +42,14 @@ std::optional<std::string> ReadInput(const std::string& name) {
     std::istream& stream = name == kStandardInput ? std::cin : file;
     if (!stream)
         return std::nullopt;
-    try {
-        return std::string(std::istreambuf_iterator<char>(stream), {});
-    } catch (const std::ios_base::failure&) {
-        // A folder can be opened; only reading it fails.
-        return std::nullopt;
-    }
+    std::string text;
+    std::array<char, 64 * 1024> piece;
+    do {
+        stream.read(piece.data(), piece.size());
+        text.append(piece.data(), static_cast<std::size_t>(stream.gcount()));
+    } while (stream);
+    // A folder can be opened; only reading it fails.
+    return stream.bad() ? std::nullopt : std::optional(std::move(text));
 }
 
 ManifestResult ReadWhatToFetch(const Options& options) {
@@ -107,21 +109,12 @@ std::unique_ptr<IReport> MakeProgressReport(const Options& options, std::size_t 
     return nullptr;
 }
 
-/// A file without a checksum counts when it is there, but a folder in its place does not: the
-/// validator refuses that. What is downloaded in any case no validator sees: its checksum is the
+/// Has all files downloaded. What is downloaded in any case no validator sees: its checksum is the
 /// post-processor's.
-void ChooseChecks(Manifest& manifest, bool force) {
+void ForceDownloads(Manifest& manifest) {
     for (Manifest::File& file : manifest.Files()) {
-        const bool hasChecksum = !file.expected.sha256.empty();
-        App::ResourceDescriptor& descriptor = file.descriptor;
-        std::error_code absent;
-        if (force) {
-            descriptor.validationMode = 0;
-            descriptor.postProcess = hasChecksum ? 1 : 0;
-        } else if (!hasChecksum &&
-                   !std::filesystem::is_directory(descriptor.localPath.string(), absent)) {
-            descriptor.validationMode = 2;
-        }
+        file.descriptor.validationMode = 0;
+        file.descriptor.postProcess = file.expected.sha256.empty() ? 0 : 1;
     }
 }
 
@@ -186,7 +179,8 @@ int Run(int argc, char** argv) {
         result.mistakes = MakeOutputFolder(options.output);
     if (!result.mistakes.empty())
         return Complain(result.mistakes);
-    ChooseChecks(*result.manifest, options.force);
+    if (options.force)
+        ForceDownloads(*result.manifest);
     return Fetch(options, *result.manifest);
 }
 
