@@ -78,10 +78,6 @@ void Disconnect(int socket) {
     (void)::connect(socket, &nobody, sizeof(nobody));
 }
 
-curl_socket_t OnOpen(void*, curlsocktype, curl_sockaddr* address) {
-    return ::socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
-}
-
 /// Where curl was built to look for the system's authorities; null: nowhere.
 const char* SystemFile() {
     return curl_version_info(CURLVERSION_NOW)->cainfo;
@@ -143,8 +139,25 @@ void CurlHandle::Renew() {
     curl_easy_cleanup(std::exchange(easy, OrBadAlloc(curl_easy_init())));
 }
 
+curl_socket_t CurlHandle::OnOpen(void* handle, curlsocktype, curl_sockaddr* address) {
+    auto& self = *static_cast<CurlHandle*>(handle);
+    const int socket =
+        ::socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
+    // One that was closed had the same number.
+    const auto known = self.FindKept(socket);
+    if (known != self.m_kept.end())
+        self.m_kept.erase(known);
+    return socket;
+}
+
+std::vector<CurlHandle::Connection>::iterator CurlHandle::FindKept(int socket) {
+    return std::find_if(m_kept.begin(), m_kept.end(),
+                        [socket](const Connection& kept) { return kept.socket == socket; });
+}
+
 void CurlHandle::PrepareConnections() {
-    curl_easy_setopt(easy, CURLOPT_OPENSOCKETFUNCTION, &OnOpen);
+    curl_easy_setopt(easy, CURLOPT_OPENSOCKETFUNCTION, &CurlHandle::OnOpen);
+    curl_easy_setopt(easy, CURLOPT_OPENSOCKETDATA, this);
     // Not what curl would read anew for each handle.
     for (const CURLoption option :
          {CURLOPT_CAINFO, CURLOPT_CAPATH, CURLOPT_PROXY_CAINFO, CURLOPT_PROXY_CAPATH})
@@ -159,23 +172,18 @@ void CurlHandle::NoteConnection() {
     curl_easy_getinfo(easy, CURLINFO_ACTIVESOCKET, &socket);
     curl_easy_getinfo(easy, CURLINFO_HTTP_VERSION, &version);
     const bool isHttp1 = version == CURL_HTTP_VERSION_1_0 || version == CURL_HTTP_VERSION_1_1;
-    if (socket == CURL_SOCKET_BAD || !isHttp1)
+    if (socket == CURL_SOCKET_BAD || !isHttp1 || FindKept(socket) != m_kept.end())
         return;
-    const std::optional<ino_t> inode = InodeOf(socket);
-    const bool isKnown = std::any_of(m_kept.begin(), m_kept.end(), [&](const Connection& kept) {
-        return kept.socket == socket && kept.inode == inode;
-    });
-    if (inode && !isKnown)
+    if (const std::optional<ino_t> inode = InodeOf(socket))
         m_kept.push_back({socket, *inode});
 }
 
 void CurlHandle::EndUnasked() {
     const auto isOver = [](const Connection& kept) {
-        if (InodeOf(kept.socket) != kept.inode)
-            return true;
         if (!IsReadable(kept.socket))
             return false;
-        Disconnect(kept.socket);
+        if (InodeOf(kept.socket) == kept.inode)
+            Disconnect(kept.socket);
         return true;
     };
     m_kept.erase(std::remove_if(m_kept.begin(), m_kept.end(), isOver), m_kept.end());

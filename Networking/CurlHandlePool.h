@@ -90,6 +90,10 @@ private:
         ino_t inode;
     };
 
+    static curl_socket_t OnOpen(void* handle, curlsocktype purpose, curl_sockaddr* address);
+    std::vector<Connection>::iterator FindKept(int socket);
+
+    /// At most one for each socket.
     std::vector<Connection> m_kept;
     /// That of the server, where there is another one to a proxy.
     const void* m_answering = nullptr;

@@ -631,6 +631,39 @@ TEST_F(CurlHttpClientUnaskedTest, IsNotTakenAfterAnotherServerWasAskedInBetween)
     EXPECT_EQ(m_data, "one other two");
 }
 
+// curl asked again on a new socket, which had the number of the one before.
+TEST_F(CurlHttpClientTest, TakesNothingUnaskedFromASocketWithTheNumberOfAnEarlierOne) {
+    const LoopbackPort port;
+    port.Listen();
+    Event reached;
+    Event sent;
+    std::thread server([&] {
+        char request[4096];
+        const int dropped = port.Accept();
+        EXPECT_GT(::recv(dropped, request, sizeof(request), 0), 0);
+        Send(dropped, "HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nzero ");
+        EXPECT_GT(::recv(dropped, request, sizeof(request), 0), 0);
+        ::shutdown(dropped, SHUT_RDWR);
+        const int first = port.Accept();
+        Send(first, "HTTP/1.1 200 OK\r\nContent-Length: 4\r\n\r\none ");
+        EXPECT_TRUE(reached.Wait());
+        Send(first, "HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nwrong");
+        sent.Set();
+        const int second = port.Accept();
+        Send(second, "HTTP/1.1 200 OK\r\nContent-Length: 3\r\n\r\ntwo");
+        for (const int connection : {dropped, first, second})
+            ::close(connection);
+    });
+    const std::string url = "http://" + port.Address() + "/";
+    EXPECT_EQ(GetUrl(url).errorCode, 0);
+    EXPECT_EQ(GetUrl(url).errorCode, 0);
+    reached.Set();
+    EXPECT_TRUE(sent.Wait());
+    EXPECT_EQ(GetUrl(url).errorCode, 0);
+    EXPECT_EQ(m_data, "zero one two");
+    server.join();
+}
+
 /// Connections of the application's own, with something to read on each.
 class ForeignConnections {
 public:
