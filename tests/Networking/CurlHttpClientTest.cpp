@@ -588,7 +588,10 @@ protected:
         m_port.Listen();
         m_thread = std::thread([this] { Serve(); });
     }
-    ~CurlHttpClientUnaskedTest() override { m_thread.join(); }
+    ~CurlHttpClientUnaskedTest() override {
+        m_port.StopListening();
+        m_thread.join();
+    }
 
     void SendUnasked() {
         m_reached.Set();
@@ -661,6 +664,7 @@ TEST_F(CurlHttpClientTest, TakesNothingUnaskedFromASocketWithTheNumberOfAnEarlie
     EXPECT_TRUE(sent.Wait());
     EXPECT_EQ(GetUrl(url).errorCode, 0);
     EXPECT_EQ(m_data, "zero one two");
+    port.StopListening();
     server.join();
 }
 

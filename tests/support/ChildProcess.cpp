@@ -62,6 +62,10 @@ int LoopbackPort::Accept() const {
     return ::accept4(m_socket, nullptr, nullptr, SOCK_CLOEXEC);
 }
 
+void LoopbackPort::StopListening() const {
+    ::shutdown(m_socket, SHUT_RDWR);
+}
+
 ChildProcess::ChildProcess(const std::vector<std::string>& command, const ioPath& output)
     : m_program(command.front()), m_output(output) {
     std::vector<char*> arguments;

@@ -30,8 +30,10 @@ public:
     /// Listens there itself, for a test that is a server which misbehaves. Connections stand from
     /// then on, whether anyone takes them or not.
     void Listen() const;
-    /// Waits for a connection and takes it; the caller closes it.
+    /// Waits for a connection and takes it; the caller closes it. -1 once StopListening is called.
     int Accept() const;
+    /// Ends the wait of a server for a connection that has not come, before its thread is joined.
+    void StopListening() const;
 
 private:
     const int m_socket;
