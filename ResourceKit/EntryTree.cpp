@@ -23,10 +23,16 @@ bool IsNoFolder(int error) {
 
 Complaint EntryTree::AddFolder(const std::string& path) {
     const Parts parts = PartsOf(path);
+    const std::uint64_t before = m_entries;
     FileDescriptor folder;
     if (Complaint complaint = OpenParent(path, parts, folder))
         return complaint;
-    return parts.empty() ? Complaint() : Enter(folder, parts.back());
+    if (!parts.empty()) {
+        if (Complaint complaint = Enter(folder, parts.back()))
+            return complaint;
+    }
+    // One that is there already takes its time too, and an archive may have it without end.
+    return m_entries == before ? CountEntry() : Complaint();
 }
 
 Complaint EntryTree::AddFile(const std::string& path, mode_t permissions) {

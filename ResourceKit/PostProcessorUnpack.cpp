@@ -23,6 +23,7 @@ namespace {
 constexpr std::int32_t kUnpacked = 0;
 constexpr std::int32_t kRefused = 1;
 constexpr std::size_t kPieceBytes = 256 * 1024;
+constexpr char kStopped[] = "it has been told to stop";
 
 /// While it lives, names are UTF-8 for what runs on this thread. libarchive gives names outside of
 /// ASCII in the character set of the locale, and an application need not have chosen any.
@@ -75,7 +76,7 @@ std::string TextOrNothing(const char* text) {
 Complaint CopyContent(archive* reader, EntryTree& tree, const StopQuery& stop) {
     while (true) {
         if (stop && stop())
-            return "it has been told to stop";
+            return kStopped;
         const void* data = nullptr;
         std::size_t size = 0;
         la_int64_t offset = 0;
@@ -120,6 +121,8 @@ Complaint AddEntry(archive* reader, archive_entry* entry, EntryTree& tree, const
 
 Complaint AddEntries(archive* reader, EntryTree& tree, const StopQuery& stop) {
     while (true) {
+        if (stop && stop())
+            return kStopped;
         archive_entry* entry = nullptr;
         const int result = archive_read_next_header(reader, &entry);
         if (result == ARCHIVE_EOF)

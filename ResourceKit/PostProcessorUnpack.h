@@ -19,6 +19,7 @@ namespace Halvex::Kit {
 ///     App::ResourceDescriptor maps;
 ///     maps.downloadPath = "data/maps.zip";
 ///     maps.localPath = "data/maps"; // it is present when it has been unpacked
+///     maps.validationMode = 2;      // and is then not downloaded again
 ///     maps.postProcess = 1;
 ///     dependencies.postProcessor = std::make_shared<PostProcessorUnpack>(
 ///         [&](const App::ResourceDescriptor& resource) ->
@@ -28,6 +29,10 @@ namespace Halvex::Kit {
 ///             return PostProcessorUnpack::Target{"data/maps", {}};
 ///         },
 ///         PostProcessorUnpack::Limits{});
+///
+/// With validationMode 2 a folder that is there suffices, of whatever version: to bring a new one,
+/// name the folder by its version, or have a validator (validationMode 1) that looks into it. Were
+/// localPath the archive, one that was downloaded and then not unpacked would count.
 ///
 /// An archive is unpacked into a staging folder beside the target folder, named ".NAME.unpack-" and
 /// six characters. When all of it is on disk, the two change places in one step, and the old
@@ -76,7 +81,8 @@ public:
     struct Limits {
         /// Of all files together, holes in sparse ones included.
         std::uint64_t bytes = std::uint64_t{4} * 1024 * 1024 * 1024;
-        /// Files, folders and links, folders included that are only part of a path.
+        /// Files, folders and links, each as often as the archive has it, and folders that are
+        /// only part of a path.
         std::uint64_t entries = 100'000;
     };
 

@@ -131,7 +131,8 @@ void StagingFolder::ForEachUnused(
     for (std::filesystem::directory_iterator entry(m_parentPath, error), end;
          !error && entry != end; entry.increment(error)) {
         const std::string name = entry->path().filename().string();
-        if (name.size() != prefix.size() + kRandomCharacters || name.rfind(prefix, 0) != 0)
+        if (name.size() != prefix.size() + kRandomCharacters || name.rfind(prefix, 0) != 0 ||
+            name.find_first_not_of(kCharacters, prefix.size()) != std::string::npos)
             continue;
         const FileDescriptor folder = OpenFolder(m_parent, name);
         if (folder && Lock(folder))

@@ -5,6 +5,7 @@
 #include "FolderTree.h"
 #include "ResourceDownloadManager/IRemoteResource.h"
 #include "ResourceDownloadManager/IRemoteResourceScheduler.h"
+#include "ResourceDownloadManager/IValidator.h"
 #include "ResourceDownloadManager/ResourceDescriptor.h"
 #include "ResourceDownloadManager/ResourceDownloadManager.h"
 #include "ResourceKit/Testing/ScriptedDownloader.h"
@@ -446,6 +447,18 @@ TEST_F(PostProcessorUnpackTest, RefusesMoreEntriesThanAllowed) {
     EXPECT_THAT(log.Errors(), ElementsAre(EndsWith("entry \"c/\": there are more than 4 entries")));
 }
 
+// They could be without end in a small archive, and each takes its time.
+TEST_F(PostProcessorUnpackTest, CountsAFolderAsOftenAsTheArchiveHasIt) {
+    Tar().Folder("./").Folder("a/").Folder("a/").Folder("a/b/").File("a/b/file", "");
+    m_limits.entries = 5;
+    EXPECT_EQ(Unpack(), 0);
+    m_limits.entries = 4;
+    const LogCapture log;
+    EXPECT_EQ(Unpack(), 1);
+    EXPECT_THAT(log.Errors(),
+                ElementsAre(EndsWith("entry \"a/b/file\": there are more than 4 entries")));
+}
+
 TEST_F(PostProcessorUnpackTest, RefusesPathsThatAreTooDeep) {
     std::string path = "file";
     for (int i = 1; i < 100; ++i)
@@ -554,6 +567,17 @@ TEST_F(PostProcessorUnpackTest, StopsWhenItIsToldTo) {
     EXPECT_EQ(questions, 5);
 }
 
+TEST_F(PostProcessorUnpackTest, StopsBetweenEntriesWithoutContent) {
+    m_folder.Write("target/old", "old");
+    Tar().Folder("a/").Link("a/link", "b").Folder("b/");
+    int questions = 0;
+    m_stop = [&] {
+        return ++questions == 3;
+    };
+    ExpectRefused("it has been told to stop");
+    EXPECT_EQ(questions, 3);
+}
+
 TEST_F(PostProcessorUnpackTest, RemovesWhatACrashHasLeft) {
     m_folder.Write(".target.unpack-abc123/a/file", "left");
     m_folder.Write(".target.unpack-def456/file", "left");
@@ -591,6 +615,7 @@ TEST_F(PostProcessorUnpackTest, RemovesNothingOfOthers) {
     m_folder.Write(".other.unpack-abc123/file", "other");
     m_folder.Write(".target.unpack-abc1234/file", "longer");
     m_folder.Write(".target.unpack-abc12/file", "shorter");
+    m_folder.Write(".target.unpack-Backup/file", "other letters");
     m_folder.Write(".target.unpack-afile1", "a file");
     m_folder.Write(".target.unpack-inuse1/file", "in use");
     m_folder.Write("elsewhere/file", "linked");
@@ -790,6 +815,7 @@ protected:
     App::IRemoteResource::State Run() {
         App::ResourceDownloadManager::Dependencies dependencies;
         dependencies.resourceDownloader = m_downloader;
+        dependencies.validator = m_validator;
         dependencies.postProcessor = std::make_shared<PostProcessorUnpack>(
             [this](const auto&) { return m_target; }, PostProcessorUnpack::Limits{});
         App::ResourceDownloadManager manager;
@@ -803,6 +829,7 @@ protected:
     const App::ResourceDescriptorBundle m_bundle{{&m_descriptor}};
     const std::shared_ptr<Testing::ScriptedDownloader> m_downloader =
         std::make_shared<Testing::ScriptedDownloader>();
+    std::shared_ptr<App::IValidator> m_validator;
 };
 
 TEST_F(PostProcessorUnpackInAManager, MakesAResourceAvailableThatIsNotDownloadedAgain) {
@@ -813,6 +840,35 @@ TEST_F(PostProcessorUnpackInAManager, MakesAResourceAvailableThatIsNotDownloaded
     EXPECT_EQ(FolderTree(m_folder.Path()), "target/ target/file=content");
     EXPECT_EQ(Run().status, App::IRemoteResource::DownloadStatus::Available);
     EXPECT_EQ(m_downloader->DownloadCount("archive.zip"), 1U);
+}
+
+/// Accepts a folder with this version in it.
+class VersionValidator : public App::IValidator {
+public:
+    std::int32_t Validate(const App::ResourceDescriptor* descriptor) override {
+        return ReadFile(descriptor->localPath / "version") == "2" ? 0 : 1;
+    }
+};
+
+TEST_F(PostProcessorUnpackInAManager, ReplacesAFolderThatAValidatorFindsTooOld) {
+    m_folder.Write("target/version", "1");
+    m_folder.Write("target/old", "old");
+    m_descriptor.validationMode = 1;
+    m_validator = std::make_shared<VersionValidator>();
+    Zip().File("version", "2");
+    m_downloader->On("archive.zip",
+                     Testing::ScriptedDownload::Complete(ReadFile(m_descriptor.downloadPath)));
+    EXPECT_EQ(Run().status, App::IRemoteResource::DownloadStatus::Available);
+    EXPECT_EQ(FolderTree(m_folder.Path()), "target/ target/version=2");
+    EXPECT_EQ(Run().status, App::IRemoteResource::DownloadStatus::Available);
+    EXPECT_EQ(m_downloader->DownloadCount("archive.zip"), 1U);
+}
+
+TEST_F(PostProcessorUnpackInAManager, KeepsAnyFolderWhereItsExistenceSuffices) {
+    m_folder.Write("target/old", "old");
+    EXPECT_EQ(Run().status, App::IRemoteResource::DownloadStatus::Available);
+    EXPECT_EQ(FolderTree(m_folder.Path()), "target/ target/old=old");
+    EXPECT_EQ(m_downloader->DownloadCount("archive.zip"), 0U);
 }
 
 TEST_F(PostProcessorUnpackInAManager, MakesABrokenArchiveACorruptedResource) {
