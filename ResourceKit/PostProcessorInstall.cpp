@@ -74,7 +74,10 @@ std::int32_t PostProcessorInstall::Process(const App::ResourceDescriptor* descri
     const App::ioPath file = replaces ? NameBeside(newFile) : newFile;
     if (replaces && !TakeAside(*descriptor, file))
         return kFailed;
-    const FileFinding finding = CheckFile(file, m_expected(*descriptor), m_stop);
+    FileFinding finding = CheckFile(file, m_expected(*descriptor), m_stop);
+    // A check without a checksum does not ask.
+    if (finding.verdict == Verdict::Good && m_stop && m_stop())
+        finding.verdict = Verdict::Stopped;
     if (finding.verdict == Verdict::Good) {
         if (PutInPlace(file, *descriptor))
             return kInstalled;

@@ -53,10 +53,8 @@ protected:
     }
 
     std::int32_t Process(const StopQuery& stop = {}) const {
-        const auto expected = [](const auto&) {
-            return ExpectedFile{3, kSumOfAbc};
-        };
-        return PostProcessorInstall(expected, stop).Process(&descriptor);
+        return PostProcessorInstall([this](const auto&) { return expected; }, stop)
+            .Process(&descriptor);
     }
 
     void ExpectOnlyTheOldCopy() const {
@@ -66,6 +64,7 @@ protected:
 
     const TemporaryFolder folder;
     App::ResourceDescriptor descriptor;
+    ExpectedFile expected{3, kSumOfAbc};
 };
 
 TEST_F(PostProcessorInstallTest, PutsTheNewFileInThePlaceOfTheOldCopy) {
@@ -134,12 +133,43 @@ TEST_F(PostProcessorInstallTest, FailsWhenThereIsNoNewFile) {
     ExpectOnlyTheOldCopy();
 }
 
-TEST_F(PostProcessorInstallTest, InstallsNothingOnceItIsToStop) {
-    folder.Write("new", "abc");
-    const LogCapture log;
-    EXPECT_EQ(Process([] { return true; }), 1);
+TEST_F(PostProcessorInstallTest, ChecksTheSizeOnlyWhereNoSumIsKnown) {
+    expected.sha256.clear();
+    folder.Write("new", "ab");
+    EXPECT_EQ(Process(), 1);
     ExpectOnlyTheOldCopy();
-    EXPECT_THAT(log.Lines(), IsEmpty());
+    folder.Write("new", "abd");
+    EXPECT_EQ(Process(), 0);
+    EXPECT_EQ(ReadFile(descriptor.localPath), "abd");
+}
+
+TEST_F(PostProcessorInstallTest, InstallsAnyFileOfWhichNothingIsKnown) {
+    expected = {};
+    folder.Write("new", "");
+    EXPECT_EQ(Process(), 0);
+    EXPECT_EQ(ReadFile(descriptor.localPath), "");
+    EXPECT_EQ(folder.List(), "file");
+}
+
+TEST_F(PostProcessorInstallTest, InstallsNothingOnceItIsToStop) {
+    for (const ExpectedFile& known : {ExpectedFile{3, kSumOfAbc}, ExpectedFile{3, {}}}) {
+        SCOPED_TRACE(known.sha256);
+        expected = known;
+        folder.Write("new", "abc");
+        const LogCapture log;
+        EXPECT_EQ(Process([] { return true; }), 1);
+        ExpectOnlyTheOldCopy();
+        EXPECT_THAT(log.Lines(), IsEmpty());
+    }
+}
+
+TEST_F(PostProcessorInstallTest, InstallsNothingWhenItIsToStopAtTheEndOfTheCheck) {
+    folder.Write("new", "abc");
+    // Before the content, and where there is no more of it.
+    int questions = 0;
+    EXPECT_EQ(Process([&] { return ++questions == 3; }), 1);
+    EXPECT_EQ(questions, 3);
+    ExpectOnlyTheOldCopy();
 }
 
 TEST_F(PostProcessorInstallTest, LeavesAFolderInThePlaceOfTheFile) {
