@@ -88,6 +88,11 @@ struct HALVEX_HIDDEN ResourceDownloaderMirrors::Impl {
                networkStateChecker->GetState() == App::INetworkStateChecker::State::Offline;
     }
 
+    bool IsLeftOut(std::size_t mirror) const {
+        const std::lock_guard<std::mutex> lock(mutex);
+        return IsLeftOutLocked(mirror, Clock::now());
+    }
+
     bool IsLeftOutLocked(std::size_t mirror, Clock::time_point now) const {
         const Host& host = hosts.at(hostNames[mirror]);
         // In the coarser unit, in which even the longest time fits.
@@ -168,7 +173,12 @@ App::IResourceDownloader::Status ResourceDownloaderMirrors::Exec(Task task) cons
     RisingProgress progress(local.progressCallback);
     App::ResourceDescriptor descriptor = *local.descriptor;
     Status outcome = Status::Failed;
-    for (const std::size_t mirror : m_impl->Candidates()) {
+    const std::vector<std::size_t> candidates = m_impl->Candidates();
+    const bool areAllLeftOut = m_impl->IsLeftOut(candidates.front());
+    for (const std::size_t mirror : candidates) {
+        // Meanwhile it may have failed too often, in this task or in others.
+        if (mirror != candidates.front() && !areAllLeftOut && m_impl->IsLeftOut(mirror))
+            continue;
         if (m_impl->aborted || local.cancellationQuery())
             return Status::Cancelled;
         descriptor.baseUrl = m_impl->baseUrls[mirror];

@@ -262,6 +262,14 @@ TEST_F(ResourceDownloaderMirrorsTest, LeavesAHostOutAfterThreeFailuresInARow) {
     EXPECT_THAT(AskedByADownload(), ElementsAre(kC));
 }
 
+TEST_F(ResourceDownloaderMirrorsTest, LeavesAHostOutThatHasFailedThreeTimesInThisTask) {
+    const std::string host = "http://a.example/";
+    Make({host + "1/", host + "2/", host + "3/", host + "4/", kB});
+    for (const char* path : {"1/", "2/", "3/", "4/"})
+        Set(host + path, Status::Failed);
+    EXPECT_THAT(AskedByADownload(), ElementsAre(host + "1/", host + "2/", host + "3/", kB));
+}
+
 TEST_F(ResourceDownloaderMirrorsTest, CountsAnewAfterASuccess) {
     Make({kA, kB});
     Set(kA, Status::Failed);
@@ -381,7 +389,7 @@ TEST_P(ResourceDownloaderMirrorsHostTest, CountsFailuresByNameAndPort) {
     Fail(1);
     TakeAsked();
     Fail(1);
-    // By now two tasks have asked both: two failures each, or four of one host.
+    // By now two tasks have asked both: two failures each, or three of one host.
     EXPECT_EQ(TakeAsked().size(), addresses.areOneHost ? 1U : 3U);
 }
 
