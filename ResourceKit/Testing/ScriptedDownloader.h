@@ -23,9 +23,10 @@ namespace Halvex::Kit::Testing {
 ///     downloader->Finish("b.bin", ScriptedDownload::Complete("0123456789"));
 ///
 /// As with the real ones, what is at the temporary path and at the destination is removed when a
-/// download begins, however it ends, and a file appears whole. When that is not possible it is
-/// logged, and the download has Failed. One that is cancelled before it begins touches nothing and
-/// takes nothing from its script.
+/// download begins, however it ends, and a file appears whole. When that is not possible the
+/// download has Failed. Unlike the real ones it does not wait for another download to the same
+/// temporary path: give each resource a path of its own. One that is cancelled before it begins
+/// touches nothing and takes nothing from its script.
 ///
 /// Thread-safe. No download may be under way when it is destroyed.
 class HALVEX_EXPORT ScriptedDownloader : public App::IResourceDownloader {
