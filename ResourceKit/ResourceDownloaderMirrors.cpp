@@ -88,9 +88,17 @@ struct HALVEX_HIDDEN ResourceDownloaderMirrors::Impl {
                networkStateChecker->GetState() == App::INetworkStateChecker::State::Offline;
     }
 
-    bool IsLeftOut(std::size_t mirror) const {
+    /// Whether a host is left out while another one is not.
+    bool IsLeftOutForOthers(std::size_t mirror) const {
+        const auto now = Clock::now();
         const std::lock_guard<std::mutex> lock(mutex);
-        return IsLeftOutLocked(mirror, Clock::now());
+        if (!IsLeftOutLocked(mirror, now))
+            return false;
+        for (std::size_t other = 0; other < baseUrls.size(); ++other) {
+            if (!IsLeftOutLocked(other, now))
+                return true;
+        }
+        return false;
     }
 
     bool IsLeftOutLocked(std::size_t mirror, Clock::time_point now) const {
@@ -174,10 +182,9 @@ App::IResourceDownloader::Status ResourceDownloaderMirrors::Exec(Task task) cons
     App::ResourceDescriptor descriptor = *local.descriptor;
     Status outcome = Status::Failed;
     const std::vector<std::size_t> candidates = m_impl->Candidates();
-    const bool areAllLeftOut = m_impl->IsLeftOut(candidates.front());
     for (const std::size_t mirror : candidates) {
         // Meanwhile it may have failed too often, in this task or in others.
-        if (mirror != candidates.front() && !areAllLeftOut && m_impl->IsLeftOut(mirror))
+        if (mirror != candidates.front() && m_impl->IsLeftOutForOthers(mirror))
             continue;
         if (m_impl->aborted || local.cancellationQuery())
             return Status::Cancelled;

@@ -28,6 +28,7 @@ using App::ResourceDescriptor;
 using Status = IResourceDownloader::Status;
 using Task = IResourceDownloader::Task;
 using testing::ElementsAre;
+using testing::EndsWith;
 using Testing::Event;
 using Testing::FakeScriptedDownloader;
 using Testing::GeneratedBytes;
@@ -263,11 +264,21 @@ TEST_F(ResourceDownloaderMirrorsTest, LeavesAHostOutAfterThreeFailuresInARow) {
 }
 
 TEST_F(ResourceDownloaderMirrorsTest, LeavesAHostOutThatHasFailedThreeTimesInThisTask) {
-    const std::string host = "http://a.example/";
-    Make({host + "1/", host + "2/", host + "3/", host + "4/", kB});
+    Make({kA + std::string("1/"), kA + std::string("2/"), kA + std::string("3/"),
+          kA + std::string("4/"), kB});
     for (const char* path : {"1/", "2/", "3/", "4/"})
-        Set(host + path, Status::Failed);
-    EXPECT_THAT(AskedByADownload(), ElementsAre(host + "1/", host + "2/", host + "3/", kB));
+        Set(std::string(kA) + path, Status::Failed);
+    EXPECT_THAT(AskedByADownload(),
+                ElementsAre(EndsWith("1/"), EndsWith("2/"), EndsWith("3/"), kB));
+}
+
+TEST_F(ResourceDownloaderMirrorsTest, AsksOnWhenAllHostsHaveFailedThreeTimesMeanwhile) {
+    Make({kA + std::string("1/"), kA + std::string("2/"), kA + std::string("3/"),
+          kA + std::string("4/")});
+    for (const char* path : {"1/", "2/", "3/"})
+        Set(std::string(kA) + path, Status::Failed);
+    EXPECT_EQ(Download(), Status::Ok);
+    EXPECT_THAT(TakeAsked(), testing::SizeIs(4));
 }
 
 TEST_F(ResourceDownloaderMirrorsTest, CountsAnewAfterASuccess) {
