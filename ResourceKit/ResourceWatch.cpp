@@ -27,13 +27,18 @@ bool HasUsableFiles(const App::ResourceDescriptorBundle& bundle) {
                        });
 }
 
+/// Of an empty bundle nothing is missing, although its state is Waiting for ever.
+bool IsAvailable(App::IRemoteResource& resource, Status status) {
+    return status == Status::Available || resource.GetDescriptor()->descriptors.empty();
+}
+
 /// Nothing: it is to be asked again.
 std::optional<Answer> Ask(App::IRemoteResource& resource, ResourceWatch::Deadline deadline,
                           ResourceWatch::Errors errors) {
     // Before the state, which then is that of the deadline or later.
     const bool isTimeUp = std::chrono::steady_clock::now() >= deadline;
     const Status status = resource.GetState().status;
-    if (status == Status::Available)
+    if (IsAvailable(resource, status))
         return Answer::Available;
     const bool isFinal = status == Status::Error && errors == ResourceWatch::Errors::AreFinal;
     if (!isFinal && !isTimeUp)

@@ -37,7 +37,7 @@ public:
     /// for reading. Its content is not judged, as the validator of the new version would reject the
     /// old one.
     enum class Answer : std::int32_t {
-        /// The state was Available; the disk is not looked at.
+        /// The state was Available, or there are no files in the bundle; the disk is not looked at.
         Available,
         /// It was not, but there is a usable file at the localPath of every descriptor, of whatever
         /// version. A descriptor whose downloadPath is its localPath loses it as soon as its next

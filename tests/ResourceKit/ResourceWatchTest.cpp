@@ -7,6 +7,7 @@
 #include "support/ScriptedHttpServer.h"
 #include "support/SleepingThreads.h"
 #include "support/TemporaryFolder.h"
+#include "support/ThreadStarts.h"
 #include "support/TimeLimit.h"
 #include "support/Waiting.h"
 
@@ -18,6 +19,7 @@
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <system_error>
 #include <thread>
 #include <utility>
 
@@ -33,6 +35,7 @@ using Testing::AllSleep;
 using Testing::Application;
 using Testing::BackgroundCall;
 using Testing::Event;
+using Testing::LimitedThreadStarts;
 using Testing::Reply;
 using Testing::ScriptedHttpServer;
 using Testing::TemporaryFolder;
@@ -96,6 +99,8 @@ private:
 
 class ResourceWatchTest : public testing::Test {
 protected:
+    ResourceWatchTest() { m_resource.AddFile(m_folder.Write("other", "")); }
+
     Answer Wait(ResourceWatch::Deadline deadline, Errors errors = Errors::MayPass) {
         return ResourceWatch::WaitUntilAvailable(&m_resource, deadline, errors);
     }
@@ -124,6 +129,12 @@ TEST_F(ResourceWatchTest, AnswersAvailableWithoutALookAtTheDisk) {
     EXPECT_EQ(Wait(kNoDeadline), Answer::Available);
     EXPECT_EQ(Wait(kPassed), Answer::Available);
     EXPECT_EQ(m_resource.Questions(), 2);
+}
+
+TEST_F(ResourceWatchTest, AnswersAvailableOfAnEmptyBundle) {
+    FakeResource empty;
+    EXPECT_EQ(ResourceWatch::WaitUntilAvailable(&empty, kNoDeadline), Answer::Available);
+    EXPECT_EQ(ResourceWatch::WaitUntilAvailable(&empty, kPassed), Answer::Available);
 }
 
 TEST_F(ResourceWatchTest, TellsMissingFromGivenUpByTheLastState) {
@@ -261,6 +272,13 @@ TEST_F(ResourceWatchTest, TellsOfTheDeadlineAndOfAFinalError) {
               Answer::Missing);
     m_resource.Set(Status::Error);
     EXPECT_EQ(answer(kNoDeadline, Errors::AreFinal), Answer::GivenUp);
+}
+
+TEST_F(ResourceWatchTest, ThrowsWhenItsThreadCannotBeStarted) {
+    const LimitedThreadStarts limit(0);
+    EXPECT_THROW(ResourceWatch(&m_resource, kNoDeadline, Errors::MayPass, [](Answer) {}),
+                 std::system_error);
+    EXPECT_EQ(m_resource.Questions(), 0);
 }
 
 TEST_F(ResourceWatchTest, DoesNotCallWhenItIsDestroyedFirst) {
