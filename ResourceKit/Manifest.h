@@ -102,9 +102,9 @@ public:
     /// The same for addresses that are at hand; the mistakes number them from 1.
     static ManifestResult FromUrls(const std::vector<std::string>& urls, const Options& options);
 
-    /// Writes the document for what lies in a folder and its sub-folders: one bundle "files", with
-    /// size and SHA-256 for each, in the order of their paths. An empty baseUrl is left out; the
-    /// document can then be read with fromFolder only.
+    /// Writes the document for what lies in a folder (empty: the current one) and its sub-folders:
+    /// one bundle "files", with size and SHA-256 for each, in the order of their paths. An empty
+    /// baseUrl is left out; the document can then be read with fromFolder only.
     ///
     /// Of links only those that lead to a file in the folder are followed. Mistakes are other
     /// links, what is neither file nor folder, what cannot be read, and names that are no UTF-8 or

@@ -119,7 +119,7 @@ ManifestDocument Manifest::Create(const App::ioPath& folder, const std::string& 
         return {{}, {"baseUrl " + Quoted(baseUrl) + " is no http or https address"}};
     if (!CanBeABase(baseUrl))
         return {{}, {"baseUrl " + Quoted(baseUrl) + " has a query or a fragment"}};
-    FolderReader reader(folder.string());
+    FolderReader reader(folder.string().empty() ? "." : folder.string());
     ordered_json bundle = {{"name", kOnlyBundleName}, {"files", reader.Read()}};
     ManifestDocument document;
     document.mistakes = reader.TakeMistakes();

@@ -52,9 +52,10 @@ const JsonNode* Find(const JsonNode& object, const std::string& name) {
     return nullptr;
 }
 
-std::string TextOf(const JsonNode& object, const char* name) {
+/// Null also for a member of another type, which has its refusal already.
+const JsonNode* Find(const JsonNode& object, const std::string& name, Type type) {
     const JsonNode* node = Find(object, name);
-    return node != nullptr ? node->text : std::string();
+    return node != nullptr && node->type == type ? node : nullptr;
 }
 
 bool IsSha256(const std::string& text) {
@@ -84,19 +85,24 @@ public:
     }
 
 private:
+    // What is wrong with one field hides no mistake in the others.
+
     void ReadRoot(const JsonNode& root) {
         if (!CheckFields(root, "the manifest",
                          {{"baseUrl", Type::String, false}, {"bundles", Type::Array, true}}))
             return;
-        if (const JsonNode* baseUrl = Find(root, "baseUrl")) {
+        m_addressesNeeded = m_addressesNeeded && Find(root, "baseUrl") == nullptr;
+        if (const JsonNode* baseUrl = Find(root, "baseUrl", Type::String)) {
             CheckUrl(*baseUrl, "baseUrl");
             m_baseUrl = baseUrl->text;
             if (!CanBeABase(m_baseUrl))
                 m_builder.Refuse(baseUrl->line,
                                  "baseUrl " + Quoted(m_baseUrl) + " has a query or a fragment");
         }
-        for (const auto& member : Find(root, "bundles")->members)
-            ReadBundle(member.second);
+        if (const JsonNode* bundles = Find(root, "bundles", Type::Array)) {
+            for (const auto& member : bundles->members)
+                ReadBundle(member.second);
+        }
     }
 
     void ReadBundle(const JsonNode& node) {
@@ -107,17 +113,21 @@ private:
                           {"files", Type::Array, true}}))
             return;
         Manifest::Bundle bundle;
-        bundle.name = TextOf(node, "name");
-        if (bundle.name.empty() || HasControlCharacters(bundle.name))
-            m_builder.Refuse(Find(node, "name")->line, "name " + Quoted(bundle.name) +
-                                                           " is empty or has a control character");
-        if (const JsonNode* priority = Find(node, "priority"))
+        if (const JsonNode* name = Find(node, "name", Type::String)) {
+            bundle.name = name->text;
+            if (bundle.name.empty() || HasControlCharacters(bundle.name))
+                m_builder.Refuse(name->line, "name " + Quoted(bundle.name) +
+                                                 " is empty or has a control character");
+        }
+        if (const JsonNode* priority = Find(node, "priority", Type::String))
             bundle.priority = ReadPriority(*priority);
-        if (const JsonNode* startup = Find(node, "startup"))
+        if (const JsonNode* startup = Find(node, "startup", Type::Boolean))
             bundle.startup = startup->boolean;
         m_builder.AddBundle(std::move(bundle));
-        for (const auto& member : Find(node, "files")->members)
-            ReadFile(member.second);
+        if (const JsonNode* files = Find(node, "files", Type::Array)) {
+            for (const auto& member : files->members)
+                ReadFile(member.second);
+        }
     }
 
     void ReadFile(const JsonNode& node) {
@@ -128,22 +138,23 @@ private:
                           {"sha256", Type::String, false}}))
             return;
         ManifestBuilder::File file;
-        const JsonNode& path = *Find(node, "path");
-        file.path = path.text;
-        if (const JsonNode* url = Find(node, "url")) {
+        file.baseUrl = m_baseUrl;
+        if (const JsonNode* url = Find(node, "url", Type::String)) {
             CheckUrl(*url, "url");
             file.url = url->text;
-        } else {
-            file.baseUrl = m_baseUrl;
-            if (m_addressesNeeded && m_baseUrl.empty())
-                m_builder.Refuse(path.line, "path " + Quoted(file.path) +
-                                                " has no address: there is no url and no baseUrl");
         }
-        if (const JsonNode* size = Find(node, "size"))
+        if (const JsonNode* size = Find(node, "size", Type::Natural))
             file.expected.size = size->natural;
-        if (const JsonNode* sha256 = Find(node, "sha256"))
+        if (const JsonNode* sha256 = Find(node, "sha256", Type::String))
             file.expected.sha256 = ReadSha256(*sha256);
-        m_builder.AddFile(path.line, std::move(file));
+        const JsonNode* path = Find(node, "path", Type::String);
+        if (path == nullptr)
+            return;
+        file.path = path->text;
+        if (m_addressesNeeded && Find(node, "url") == nullptr)
+            m_builder.Refuse(path->line, "path " + Quoted(file.path) +
+                                             " has no address: there is no url and no baseUrl");
+        m_builder.AddFile(path->line, std::move(file));
     }
 
     Priority ReadPriority(const JsonNode& node) {
@@ -170,52 +181,43 @@ private:
                                             " is no http or https address");
     }
 
-    /// Whether all the fields are what they are to be. What is not gets its refusal.
+    /// Refuses each field that is not what it is to be. False: there are none, it is no object.
     bool CheckFields(const JsonNode& node, const std::string& what,
                      const std::vector<Field>& fields) {
         if (node.type != Type::Object) {
             m_builder.Refuse(node.line, what + " must be an object");
             return false;
         }
-        bool good = true;
         std::unordered_set<std::string_view> known;
         for (const auto& member : node.members) {
-            if (known.insert(member.first).second) {
-                good = CheckField(member, what, fields) && good;
-            } else {
+            if (known.insert(member.first).second)
+                CheckField(member, what, fields);
+            else
                 m_builder.Refuse(member.second.line,
                                  what + " has the field " + Quoted(member.first) + " twice");
-                good = false;
-            }
         }
         for (const Field& field : fields) {
-            if (field.required && Find(node, field.name) == nullptr) {
+            if (field.required && Find(node, field.name) == nullptr)
                 m_builder.Refuse(node.line, what + " has no field " + Quoted(field.name));
-                good = false;
-            }
         }
-        return good;
+        return true;
     }
 
-    bool CheckField(const std::pair<std::string, JsonNode>& member, const std::string& what,
+    void CheckField(const std::pair<std::string, JsonNode>& member, const std::string& what,
                     const std::vector<Field>& fields) {
         const auto& [key, value] = member;
         const auto field =
             std::find_if(fields.begin(), fields.end(),
                          [&key = key](const Field& candidate) { return key == candidate.name; });
-        if (field == fields.end()) {
+        if (field == fields.end())
             m_builder.Refuse(value.line, what + " has an unknown field " + Quoted(key));
-            return false;
-        }
-        if (field->type != value.type) {
+        else if (field->type != value.type)
             m_builder.Refuse(value.line, Quoted(key) + " must be " + NameOf(field->type));
-            return false;
-        }
-        return true;
     }
 
     ManifestBuilder m_builder;
-    const bool m_addressesNeeded;
+    /// Of files that have no url.
+    bool m_addressesNeeded;
     std::string m_baseUrl;
 };
 

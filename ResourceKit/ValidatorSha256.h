@@ -15,7 +15,7 @@ namespace Halvex::Kit {
 /// - a file whose resource has another downloadPath: it is the old copy, which PostProcessorInstall
 ///   keeps until there is a better one;
 /// - one that has taken the name of the file that was read, as another check of the same resource
-///   may have it;
+///   may have it, unless it takes it in the very moment of the removal;
 /// - what cannot be read, such as a folder, and what the query has saved from being read.
 ///
 /// Each rejection gets one WARNING line with the path and the finding, such as "short: 10 bytes

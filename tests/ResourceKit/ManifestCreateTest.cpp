@@ -158,6 +158,16 @@ TEST_F(ManifestCreate, RefusesWhatIsNeitherFileNorFolder) {
     EXPECT_THAT(Mistakes(), ElementsAre("path \"pipe\" is unreadable: no regular file"));
 }
 
+TEST_F(ManifestCreate, TakesTheCurrentFolderForAnEmptyPath) {
+    folder.Write("a", "x");
+    const std::filesystem::path before = std::filesystem::current_path();
+    std::filesystem::current_path(folder.Path());
+    const ManifestDocument document = Manifest::Create({}, "");
+    std::filesystem::current_path(before);
+    EXPECT_THAT(document.mistakes, IsEmpty());
+    EXPECT_THAT(document.text, HasSubstr("\"a\""));
+}
+
 TEST_F(ManifestCreate, SaysThatTheFolderIsMissingOrAFile) {
     EXPECT_THAT(
         Manifest::Create(folder / "nothing", "").mistakes,

@@ -152,6 +152,28 @@ TEST(Manifest, RefusesWrongTypesOfABundlesFields) {
                 ElementsAre("m.json:1: \"bundles\" must be a list"));
 }
 
+TEST(Manifest, HidesNoMistakeBehindAnother) {
+    EXPECT_THAT(Read("{\"baseUrl\": 1, \"base\": \"\", \"bundles\": [\n"
+                     "{\"prio\": 1, \"startup\": 1, \"priority\": \"no\", \"files\": [\n"
+                     "{\"path\": \"../a\", \"sise\": 1},\n"
+                     "{\"path\": 2, \"sha256\": \"1\"},\n"
+                     "{\"path\": \"../c\", \"url\": 5, \"size\": -1}]}]}")
+                    .mistakes,
+                ElementsAre("m.json:1: \"baseUrl\" must be a text",
+                            "m.json:1: the manifest has an unknown field \"base\"",
+                            "m.json:2: a bundle has an unknown field \"prio\"",
+                            "m.json:2: \"startup\" must be true or false",
+                            "m.json:2: a bundle has no field \"name\"",
+                            "m.json:2: priority \"no\" is none of high, normal and low",
+                            "m.json:3: a file has an unknown field \"sise\"",
+                            "m.json:3: path \"../a\" leads out of the output folder",
+                            "m.json:4: \"path\" must be a text",
+                            "m.json:4: sha256 \"1\" is not 64 hexadecimal digits",
+                            "m.json:5: \"url\" must be a text",
+                            "m.json:5: \"size\" must be a number of bytes",
+                            "m.json:5: path \"../c\" leads out of the output folder"));
+}
+
 TEST(Manifest, RefusesMissingFields) {
     EXPECT_THAT(Read("{}").mistakes,
                 ElementsAre("m.json:1: the manifest has no field \"bundles\""));

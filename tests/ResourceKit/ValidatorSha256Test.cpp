@@ -168,5 +168,18 @@ TEST_F(ValidatorSha256Test, JudgesManyFilesAtOnce) {
         EXPECT_EQ(descriptors[i].localPath.exists(), i % 2 == 0) << i;
 }
 
+TEST_F(ValidatorSha256Test, JudgesOneFileManyTimesAtOnce) {
+    descriptor.localPath = folder.Write("file", "abc");
+    ValidatorSha256 validator([](const auto&) { return ExpectedFile{3, kSumOfAbc}; });
+    std::atomic<int> rejected{0};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 8; ++i)
+        threads.emplace_back([&] { rejected += validator.Validate(&descriptor); });
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(rejected, 0);
+    EXPECT_TRUE(descriptor.localPath.exists());
+}
+
 } // namespace
 } // namespace Halvex::Kit
