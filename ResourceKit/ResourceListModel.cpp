@@ -12,6 +12,7 @@
 #include <QtCore/QVector>
 
 #include <algorithm>
+#include <cmath>
 #include <cstddef>
 #include <mutex>
 #include <utility>
@@ -151,6 +152,9 @@ public:
     /// Shows this state now. Whether that, or the time that has passed, makes a difference.
     bool Update(const State& state, SpeedMeter::Time now) {
         const State before = std::exchange(m_state, state);
+        // While a file of no bytes is under way: that says nothing of the others.
+        if (std::isnan(m_state.progress))
+            m_state.progress = before.progress;
         const double speedBefore = m_speed.PerSecond();
         const std::optional<std::chrono::seconds> timeBefore = TimeLeft();
         if (!IsDownloading() || Progress() < ShownProgress(before.progress))

@@ -118,12 +118,15 @@ class ResourceListModelTest : public testing::Test {
 protected:
     ResourceListModelTest() {
         QLocale::setDefault(QLocale::c());
-        QObject::connect(&*m_model, &QAbstractItemModel::dataChanged, &*m_model,
-                         [this](const QModelIndex& first, const QModelIndex& last) {
-                             EXPECT_EQ(QThread::currentThread(), m_thread);
-                             EXPECT_EQ(first, last);
-                             ++m_changes[first.row()];
-                         });
+        // Directly, so that it is called on the thread that emits.
+        QObject::connect(
+            &*m_model, &QAbstractItemModel::dataChanged, &*m_model,
+            [this](const QModelIndex& first, const QModelIndex& last) {
+                EXPECT_EQ(QThread::currentThread(), m_thread);
+                EXPECT_EQ(first, last);
+                ++m_changes[first.row()];
+            },
+            Qt::DirectConnection);
     }
     ~ResourceListModelTest() override { QLocale::setDefault(QLocale::system()); }
 
@@ -299,6 +302,19 @@ TEST_F(ResourceListModelTest, KeepsTheProgressBetween0And1) {
     resource.SetProgress(150);
     ASSERT_TRUE(ShowsProgress(1));
     EXPECT_EQ(Data(Role::BytesDoneRole), QVariant(qulonglong{1000}));
+}
+
+TEST_F(ResourceListModelTest, KeepsProgressAndSpeedWhileTheProgressIsNotANumber) {
+    FakeResource& resource = Make();
+    Add(resource, 1000);
+    Reach(resource, 30, seconds(1));
+    Reach(resource, 60, seconds(1));
+    m_changes.clear();
+    m_now += milliseconds(500);
+    resource.SetProgress(0, 0);
+    ASSERT_TRUE(Shows([&] { return m_changes[0] > 0; }));
+    EXPECT_EQ(Progress(), 0.6);
+    EXPECT_NEAR(Data(Role::BytesPerSecondRole).toDouble(), 200, 1);
 }
 
 TEST_F(ResourceListModelTest, CountsTheBytesOfTheLargestTotal) {
