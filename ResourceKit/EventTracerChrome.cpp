@@ -230,18 +230,31 @@ struct HALVEX_HIDDEN EventTracerChrome::Impl {
         return json;
     }
 
-    void Mark(const std::string& name) {
+    ~Impl() { TellLost(); }
+
+    Impl(const Impl&) = delete;
+    Impl& operator=(const Impl&) = delete;
+
+    std::string Mark(const std::string& name) {
         std::string json = Begin(name, 'i');
         EndObject(json);
         EndObject(json);
-        Add(json);
+        return json;
     }
 
     void Add(const std::string& json) {
+        TellLost();
         if (!file.Add(json))
             ++lost;
-        else if (lost != 0)
-            Mark("events missing here: " + std::to_string(lost.exchange(0)));
+    }
+
+    /// As soon as there is room for that.
+    void TellLost() {
+        if (lost == 0)
+            return;
+        const std::int64_t count = lost.exchange(0);
+        if (count != 0 && !file.Add(Mark("events missing here: " + std::to_string(count))))
+            lost += count;
     }
 
     static constexpr std::size_t kCommonBytes = 256;
@@ -295,7 +308,7 @@ void EventTracerChrome::Trace(Event event, const TraceRecord& record) const {
 
 void EventTracerChrome::TraceString(const std::string& text) const {
     if (m_impl->file.IsGood())
-        m_impl->Mark(text);
+        m_impl->Add(m_impl->Mark(text));
 }
 
 bool EventTracerChrome::IsWriting() const {

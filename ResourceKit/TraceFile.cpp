@@ -22,6 +22,7 @@ constexpr std::size_t kPageBytes = 4096;
 constexpr std::size_t kEnoughBytes = 64 * 1024;
 constexpr std::chrono::milliseconds kLongestDelay(100);
 constexpr std::size_t kMostPendingBytes = 64 * 1024 * 1024;
+constexpr std::size_t kMostKeptBytes = 1024 * 1024;
 
 /// Writes over what is there and beyond. 0, or the system's error number.
 int WriteAt(int file, std::uint64_t position, const std::string& text) {
@@ -115,6 +116,9 @@ void TraceFile::WriteFrom(std::uint64_t position) {
             return;
         }
         position += size;
+        // What a burst has taken is not kept for ever.
+        if (text.capacity() > kMostKeptBytes)
+            std::string().swap(text);
         lock.lock();
     }
 }

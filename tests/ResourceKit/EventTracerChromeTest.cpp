@@ -10,6 +10,7 @@
 #include "support/SleepingThreads.h"
 #include "support/SmallFileSystem.h"
 #include "support/TemporaryFolder.h"
+#include "support/ThreadStarts.h"
 #include "support/Waiting.h"
 
 #include <gmock/gmock.h>
@@ -50,6 +51,7 @@ using testing::ElementsAre;
 using Testing::FileSizeLimit;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using Testing::LimitedThreadStarts;
 using Testing::LogCapture;
 using Testing::ReadFile;
 using Testing::ScriptedDownload;
@@ -453,8 +455,13 @@ TEST_F(EventTracerChromeTest, SaysWhereSomethingIsMissingThatWasTooMuch) {
     Tracer().TraceString("before");
     Tracer().TraceString(std::string(64 * 1024 * 1024, 'x'));
     Tracer().TraceString("after");
-    Tracer().TraceString("end");
-    EXPECT_THAT(Steps(), ElementsAre("i before", "i after", "i events missing here: 1", "i end"));
+    EXPECT_THAT(Steps(), ElementsAre("i before", "i events missing here: 1", "i after"));
+}
+
+TEST_F(EventTracerChromeTest, SaysAtTheEndThatSomethingIsMissingThere) {
+    Tracer().TraceString("before");
+    Tracer().TraceString(std::string(64 * 1024 * 1024, 'x'));
+    EXPECT_THAT(Steps(), ElementsAre("i before", "i events missing here: 1"));
 }
 
 // After a crash
@@ -550,6 +557,20 @@ TEST_F(EventTracerChromeTest, SaysOnceThatTheFileTakesNothing) {
     }
     EXPECT_THAT(log.Errors(), ElementsAre("tracing ends, failed to write file=/dev/full, errno=28 "
                                           "(No space left on device)"));
+}
+
+TEST_F(EventTracerChromeTest, SaysOnceThatItsThreadCannotBeStarted) {
+    const std::string path = (m_folder / "other.json").string();
+    const LogCapture log;
+    {
+        const LimitedThreadStarts limit(0);
+        const EventTracerChrome tracer(path);
+        EXPECT_FALSE(tracer.IsWriting());
+        tracer.TraceString("text");
+    }
+    EXPECT_THAT(log.Errors(), ElementsAre("tracing ends, failed to write file=" + path +
+                                          ", errno=11 (Resource temporarily unavailable)"));
+    EXPECT_TRUE(Parse(ReadFile(path)));
 }
 
 /// A tracer that has written something before there is no more room.
