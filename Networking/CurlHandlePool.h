@@ -51,7 +51,8 @@ struct CurlHandle {
 
     /// Has the connections that are opened from here on with the easy handle's present options
     /// trust the authorities and tell HasTlsEnded. Child processes of the application do not
-    /// inherit them.
+    /// inherit them. To be called after each Renew, before anything is opened: NoteConnection
+    /// relies on knowing every socket that is.
     void PrepareConnections();
 
     /// Begins anew with default options; connections stay. To be called before each exchange:

@@ -99,14 +99,20 @@ void Session::Observe() {
         for (std::size_t file = 0; file < m_reported.size(); ++file)
             RegisterAlone(file).RegisterEventHandler(&m_observer, params);
     } else {
-        for (const Bundle& bundle : m_bundles)
-            bundle.group->RegisterEventHandler(&m_observer, params);
+        for (std::size_t i = 0; i < m_bundles.size(); ++i) {
+            const App::ResourceDescriptorBundle& content = m_manifest.Bundles()[i].descriptors;
+            // An empty one stays Waiting, although nothing of it is missing.
+            if (content.descriptors.empty())
+                m_observer.OnStateChanged({}, &content);
+            else
+                m_bundles[i].group->RegisterEventHandler(&m_observer, params);
+        }
     }
 }
 
 IRemoteResource& Session::RegisterAlone(std::size_t file) {
     const Kit::Manifest::File& entry = m_manifest.Files()[file];
-    App::ResourceDescriptorBundle& alone = m_alone.emplace_back();
+    App::ResourceDescriptorBundle& alone = m_alone[file];
     alone.descriptors.insert(&entry.descriptor);
     alone.userData = file;
     return *SchedulerOf(entry.bundle).Register(&alone);

@@ -11,9 +11,9 @@
 
 #include <atomic>
 #include <chrono>
-#include <deque>
 #include <memory>
 #include <optional>
+#include <unordered_map>
 #include <vector>
 
 namespace Halvex::Fetch {
@@ -82,8 +82,8 @@ private:
     TransferMeter m_meter;
     /// Written by Abort, read by checks of files.
     std::atomic<bool> m_aborted{false};
-    /// What RegisterAlone has made.
-    std::deque<App::ResourceDescriptorBundle> m_alone;
+    /// What RegisterAlone has made, by the files' numbers.
+    std::unordered_map<std::size_t, App::ResourceDescriptorBundle> m_alone;
     /// Behind all that it calls and borrows, so that it ends before them.
     App::ResourceDownloadManager m_manager;
 

@@ -16,12 +16,17 @@
 #include <QtCore/QCoreApplication>
 
 #include <array>
+#include <cerrno>
+#include <cstdio>
 #include <exception>
 #include <filesystem>
-#include <fstream>
 #include <iostream>
-#include <optional>
+#include <memory>
+#include <string>
 #include <system_error>
+#include <utility>
+#include <variant>
+#include <vector>
 
 #include <unistd.h>
 
@@ -34,22 +39,20 @@ using Kit::ManifestResult;
 
 constexpr const char* kStandardInput = "-";
 
-/// The whole of a file, or of standard input; nothing when it cannot be read.
-std::optional<std::string> ReadInput(const std::string& name) {
-    std::ifstream file;
-    if (name != kStandardInput)
-        file.open(name, std::ios::binary);
-    std::istream& stream = name == kStandardInput ? std::cin : file;
-    if (!stream)
-        return std::nullopt;
-    std::string text;
+/// Appends the whole of a file, or of standard input. The system's error number, or 0.
+int ReadInput(const std::string& name, std::string& text) {
+    using File = std::unique_ptr<std::FILE, decltype(&std::fclose)>;
+    const File opened(name == kStandardInput ? nullptr : std::fopen(name.c_str(), "rbe"),
+                      &std::fclose);
+    std::FILE* file = name == kStandardInput ? stdin : opened.get();
+    if (file == nullptr)
+        return errno;
     std::array<char, 64 * 1024> piece;
-    do {
-        stream.read(piece.data(), piece.size());
-        text.append(piece.data(), static_cast<std::size_t>(stream.gcount()));
-    } while (stream);
+    std::size_t size = 0;
+    while ((size = std::fread(piece.data(), 1, piece.size(), file)) > 0)
+        text.append(piece.data(), size);
     // A folder can be opened; only reading it fails.
-    return stream.bad() ? std::nullopt : std::optional(std::move(text));
+    return std::ferror(file) != 0 ? errno : 0;
 }
 
 ManifestResult ReadWhatToFetch(const Options& options) {
@@ -60,13 +63,13 @@ ManifestResult ReadWhatToFetch(const Options& options) {
         return Manifest::FromUrls(options.urls, manifestOptions);
     const bool isList = !options.list.empty();
     const std::string& name = isList ? options.list : options.manifest;
-    const std::optional<std::string> text = ReadInput(name);
-    if (!text)
-        return {nullptr, {name + ": cannot be read"}};
-    if (isList)
-        return Manifest::ParseUrlList(*text, name == kStandardInput ? "standard input" : name,
-                                      manifestOptions);
-    return Manifest::Parse(*text, name, manifestOptions);
+    const std::string shownName = name == kStandardInput ? "standard input" : name;
+    std::string text;
+    if (const int error = ReadInput(name, text))
+        return {nullptr,
+                {shownName + ": cannot be read: " + std::generic_category().message(error)}};
+    return isList ? Manifest::ParseUrlList(text, shownName, manifestOptions)
+                  : Manifest::Parse(text, shownName, manifestOptions);
 }
 
 /// Why the folder cannot be had; nothing when it can.
@@ -163,7 +166,10 @@ int MakeManifest(const Options& options) {
     if (!document.mistakes.empty())
         return Complain(document.mistakes);
     std::cout << document.text << std::flush;
-    return std::cout ? AllAvailable : SomeGivenUp;
+    if (std::cout)
+        return AllAvailable;
+    std::cerr << "halvex-fetch: the manifest cannot be written\n";
+    return SomeGivenUp;
 }
 
 int Run(int argc, char** argv) {

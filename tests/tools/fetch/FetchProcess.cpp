@@ -54,8 +54,10 @@ FetchProcess::FetchProcess(const Setup& setup) {
     arguments.push_back(nullptr);
 
     constexpr int kNew = O_WRONLY | O_CREAT;
-    const int in = Open(m_folder.Write("in", setup.input), O_RDONLY);
-    const int out = setup.terminal ? *setup.terminal : Open(m_folder / "out", kNew);
+    const ioPath input = m_folder.Write("in", setup.input);
+    const int in = Open(setup.inputPath.empty() ? input : ioPath(setup.inputPath), O_RDONLY);
+    const ioPath output = setup.outputPath.empty() ? m_folder / "out" : ioPath(setup.outputPath);
+    const int out = setup.terminal ? *setup.terminal : Open(output, kNew);
     const int err = setup.terminal ? ::dup(*setup.terminal) : Open(m_folder / "err", kNew);
     const int streams[] = {in, out, err};
     m_process = ::fork();
@@ -89,10 +91,10 @@ FetchProcess::Result FetchProcess::Wait() {
         result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
     }
     result.time = std::chrono::steady_clock::now() - begin;
-    if ((m_folder / "out").exists()) {
+    if ((m_folder / "out").exists())
         result.out = ReadFile(m_folder / "out");
+    if ((m_folder / "err").exists())
         result.err = ReadFile(m_folder / "err");
-    }
     return result;
 }
 

@@ -21,6 +21,9 @@ public:
         std::vector<std::string> arguments;
         /// What it reads from standard input.
         std::string input;
+        /// What it reads from instead, which may be a folder, and writes to.
+        std::string inputPath;
+        std::string outputPath;
         /// How many files it may have open at a time, and may allow itself; nothing: as the test.
         std::optional<rlimit> openFiles;
         /// Where both outputs go instead of to files; it is closed in this process.

@@ -155,6 +155,18 @@ TEST_F(HalvexFetchFromNginx, WritesNothingWhenNoProgressIsWanted) {
     EXPECT_EQ(result.out + result.err, "");
 }
 
+TEST_F(HalvexFetchFromNginx, EndsWellWithSeveralBundlesWhenNoProgressIsWanted) {
+    for (const char* name : {"a", "b", "c"})
+        site.Write(name, name);
+    const std::string manifest =
+        WriteManifest(server.Url("/"), {StartupBundle("first", {File("a")}), Bundle("empty", {}),
+                                        Bundle("rest", {File("b"), File("c")})});
+    const auto result = Run({"--progress", "none", manifest});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.out + result.err, "");
+    EXPECT_THAT(OutputFiles(), ElementsAre("a", "b", "c"));
+}
+
 TEST_F(HalvexFetchFromNginx, NamesEachFileThatWasGivenUpWhenNoProgressIsWanted) {
     for (const char* name : {"a", "b", "c"})
         site.Write(name, name);
@@ -432,6 +444,15 @@ TEST_F(HalvexFetchFromNginx, DownloadsByAManifestThatItHasMade) {
     EXPECT_EQ(file["sha256"], Sha256Of("small"));
 }
 
+TEST_F(HalvexFetch, SaysThatAManifestCannotBeWritten) {
+    FetchProcess::Setup toFullDisk;
+    toFullDisk.outputPath = "/dev/full";
+    toFullDisk.arguments = {"--make-manifest", site.Path()};
+    const auto result = FetchProcess(toFullDisk).Wait();
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.err, "halvex-fetch: the manifest cannot be written\n");
+}
+
 TEST_F(HalvexFetch, MakesNoManifestOfWhatItCannotRead) {
     site.Write("bad\nname", "x");
     site.Write("good", "x");
@@ -445,9 +466,18 @@ TEST_F(HalvexFetch, RefusesInputThatCannotBeRead) {
     for (const std::string& name : {(input / "missing").string(), input.Path()}) {
         for (const auto& result : {Run({name}), Run({"-i", name})}) {
             EXPECT_EQ(result.status, 2);
-            EXPECT_EQ(result.err, name + ": cannot be read\n");
+            const bool isFolder = name == input.Path();
+            EXPECT_EQ(result.err, name + ": cannot be read: " +
+                                      (isFolder ? "Is a directory" : "No such file or directory") +
+                                      '\n');
         }
     }
+    FetchProcess::Setup fromFolder;
+    fromFolder.inputPath = input.Path();
+    fromFolder.arguments = {"-i", "-"};
+    const auto unread = FetchProcess(fromFolder).Wait();
+    EXPECT_EQ(unread.status, 2);
+    EXPECT_EQ(unread.err, "standard input: cannot be read: Is a directory\n");
     EXPECT_EQ(Run({"-i", "-"}, "no address\n").err,
               "standard input:1: \"no address\" is no http or https address\n");
     EXPECT_EQ(Run({}).status, 2);
