@@ -230,7 +230,10 @@ struct HALVEX_HIDDEN EventTracerChrome::Impl {
         return json;
     }
 
-    ~Impl() { TellLost(); }
+    ~Impl() {
+        if (lost != 0)
+            file.AddLast(MarkOfLost(lost));
+    }
 
     Impl(const Impl&) = delete;
     Impl& operator=(const Impl&) = delete;
@@ -253,8 +256,12 @@ struct HALVEX_HIDDEN EventTracerChrome::Impl {
         if (lost == 0)
             return;
         const std::int64_t count = lost.exchange(0);
-        if (count != 0 && !file.Add(Mark("events missing here: " + std::to_string(count))))
+        if (count != 0 && !file.Add(MarkOfLost(count)))
             lost += count;
+    }
+
+    std::string MarkOfLost(std::int64_t count) {
+        return Mark("events missing here: " + std::to_string(count));
     }
 
     static constexpr std::size_t kCommonBytes = 256;

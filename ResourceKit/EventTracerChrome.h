@@ -31,7 +31,8 @@ namespace Halvex::Kit {
 /// When the file cannot be made, the disk is full or no thread can be started, that is logged once
 /// at ERROR and nothing more is traced; what was written before stays. When the disk falls so far
 /// behind that 64 MiB wait to be written, events are left out until it has caught up, and a mark
-/// says how many. A step whose end is left out stays open in its row.
+/// says how many. A step whose end is left out stays open in its row; where its beginning is, its
+/// end closes the one around it.
 ///
 /// Thread-safe. An event costs less than a microsecond on average; threads that trace at the same
 /// moment wait for each other, and it costs them more.

@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <limits>
 #include <system_error>
 
 #include <fcntl.h>
@@ -76,11 +77,19 @@ TraceFile::~TraceFile() {
 }
 
 bool TraceFile::Add(const std::string& element) {
+    return Add(element, kMostPendingBytes);
+}
+
+void TraceFile::AddLast(const std::string& element) {
+    Add(element, std::numeric_limits<std::size_t>::max());
+}
+
+bool TraceFile::Add(const std::string& element, std::size_t mostPendingBytes) {
     const std::size_t size = element.size() + sizeof(kSeparator) - 1;
     bool wake = false;
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
-        if (!m_isGood || m_pending.size() + size > kMostPendingBytes)
+        if (!m_isGood || m_pending.size() + size > mostPendingBytes)
             return false;
         const std::size_t before = m_pending.size();
         const std::size_t room = kPageBytes - m_end % kPageBytes;
@@ -113,6 +122,8 @@ void TraceFile::WriteFrom(std::uint64_t position) {
         if (const int error = WriteAt(m_file, position, text.append(kEnd))) {
             EndAt(position);
             Fail(error);
+            lock.lock();
+            std::string().swap(m_pending);
             return;
         }
         position += size;

@@ -32,11 +32,14 @@ public:
     /// Adds an element, which is one JSON value. False: it is left out, because 64 MiB wait to be
     /// written, or because nothing can be written any more.
     bool Add(const std::string& element);
+    /// Adds one however much waits to be written.
+    void AddLast(const std::string& element);
 
     /// False: the file could not be made, or not be written to the end. Quick.
     bool IsGood() const { return m_isGood; }
 
 private:
+    bool Add(const std::string& element, std::size_t mostPendingBytes);
     void WriteFrom(std::uint64_t position);
     void EndAt(std::uint64_t position) const;
     void Fail(int error);
