@@ -88,17 +88,13 @@ struct HALVEX_HIDDEN ResourceDownloaderMirrors::Impl {
                networkStateChecker->GetState() == App::INetworkStateChecker::State::Offline;
     }
 
-    /// Whether a host is left out while another one is not.
-    bool IsLeftOutForOthers(std::size_t mirror) const {
-        const auto now = Clock::now();
+    /// Whether a mirror's host is left out while that of another candidate is not.
+    bool IsLeftOutForOthers(std::size_t mirror, const std::vector<std::size_t>& candidates) const {
         const std::lock_guard<std::mutex> lock(mutex);
-        if (!IsLeftOutLocked(mirror, now))
-            return false;
-        for (std::size_t other = 0; other < baseUrls.size(); ++other) {
-            if (!IsLeftOutLocked(other, now))
-                return true;
-        }
-        return false;
+        const auto now = Clock::now();
+        return IsLeftOutLocked(mirror, now) &&
+               std::any_of(candidates.begin(), candidates.end(),
+                           [&](std::size_t other) { return !IsLeftOutLocked(other, now); });
     }
 
     bool IsLeftOutLocked(std::size_t mirror, Clock::time_point now) const {
@@ -111,8 +107,8 @@ struct HALVEX_HIDDEN ResourceDownloaderMirrors::Impl {
 
     /// The mirrors to try, in this order.
     std::vector<std::size_t> Candidates() const {
-        const auto now = Clock::now();
         const std::lock_guard<std::mutex> lock(mutex);
+        const auto now = Clock::now();
         std::vector<std::size_t> all(baseUrls.size());
         std::iota(all.begin(), all.end(), 0);
         const auto first = all.begin() + static_cast<std::ptrdiff_t>(lastWorked);
@@ -184,7 +180,7 @@ App::IResourceDownloader::Status ResourceDownloaderMirrors::Exec(Task task) cons
     const std::vector<std::size_t> candidates = m_impl->Candidates();
     for (const std::size_t mirror : candidates) {
         // Meanwhile it may have failed too often, in this task or in others.
-        if (mirror != candidates.front() && m_impl->IsLeftOutForOthers(mirror))
+        if (mirror != candidates.front() && m_impl->IsLeftOutForOthers(mirror, candidates))
             continue;
         if (m_impl->aborted || local.cancellationQuery())
             return Status::Cancelled;

@@ -66,9 +66,9 @@ public:
 
     /// Ok as soon as one mirror has worked. Cancelled as soon as one attempt was (for the
     /// downloader over HTTP the time-out of a whole request is one too), or when the query or Abort
-    /// asks for it between two. When all have failed, NetworkFailure if any of them did so (that
-    /// one may have the file, and is worth a retry later), else Failed. When one has failed and the
-    /// application is offline, what that one said.
+    /// asks for it between two. When all that were asked have failed, NetworkFailure if any of them
+    /// did so (that one may have the file, and is worth a retry later), else Failed. When one has
+    /// failed and the application is offline, what that one said.
     ///
     /// Each mirror begins with the first byte. Its progress is passed on once it is as far as the
     /// furthest that has been reported: it stands still meanwhile, and never falls.
