@@ -91,7 +91,8 @@ private:
         if (!CheckFields(root, "the manifest",
                          {{"baseUrl", Type::String, false}, {"bundles", Type::Array, true}}))
             return;
-        m_addressesNeeded = m_addressesNeeded && Find(root, "baseUrl") == nullptr;
+        // What stands beside the bundles is the baseUrl, or means it and has its refusal.
+        m_addressesNeeded = m_addressesNeeded && root.members.size() == 1;
         if (const JsonNode* baseUrl = Find(root, "baseUrl", Type::String)) {
             CheckUrl(*baseUrl, "baseUrl");
             m_baseUrl = baseUrl->text;
@@ -148,13 +149,14 @@ private:
         if (const JsonNode* sha256 = Find(node, "sha256", Type::String))
             file.expected.sha256 = ReadSha256(*sha256);
         const JsonNode* path = Find(node, "path", Type::String);
-        if (path == nullptr)
-            return;
-        file.path = path->text;
+        if (path != nullptr)
+            file.path = path->text;
+        const std::size_t line = path != nullptr ? path->line : node.line;
         if (m_addressesNeeded && Find(node, "url") == nullptr)
-            m_builder.Refuse(path->line, "path " + Quoted(file.path) +
-                                             " has no address: there is no url and no baseUrl");
-        m_builder.AddFile(path->line, std::move(file));
+            m_builder.Refuse(line, "path " + Quoted(file.path) +
+                                       " has no address: there is no url and no baseUrl");
+        if (path != nullptr)
+            m_builder.AddFile(line, std::move(file));
     }
 
     Priority ReadPriority(const JsonNode& node) {

@@ -207,6 +207,13 @@ TEST(Manifest, RefusesAddressesThatAreNone) {
                 ElementsAre("m.json:1: baseUrl \"ftp://h\" is no http or https address"));
 }
 
+TEST(Manifest, MissesNoAddressWhereTheBaseUrlIsMisspelt) {
+    EXPECT_THAT(Read("{\"baseURL\": \"http://h\", \"bundles\": [\n"
+                     "{\"name\": \"b\", \"files\": [{\"path\": \"a\"}]}]}")
+                    .mistakes,
+                ElementsAre("m.json:1: the manifest has an unknown field \"baseURL\""));
+}
+
 TEST(Manifest, NeedsABaseUrlWhereAFileHasNoUrl) {
     const std::string document = "{\"bundles\": [{\"name\": \"b\", \"files\": [\n"
                                  "{\"path\": \"a\", \"url\": \"http://h/a\"},\n"
