@@ -153,13 +153,13 @@ public:
     bool Update(const State& state, SpeedMeter::Time now) {
         const State before = std::exchange(m_state, state);
         // While a file of no bytes is under way: that says nothing of the others.
-        if (std::isnan(m_state.progress))
+        if (std::isnan(m_state.progress) && m_state.status == before.status)
             m_state.progress = before.progress;
         const double speedBefore = m_speed.PerSecond();
         const std::optional<std::chrono::seconds> timeBefore = TimeLeft();
         if (!IsDownloading() || Progress() < ShownProgress(before.progress))
             m_speed.Reset();
-        if (IsDownloading())
+        if (IsDownloading() && !std::isnan(m_state.progress))
             m_speed.Add(now, Progress());
         return m_state.status != before.status || m_state.error != before.error ||
                Progress() != ShownProgress(before.progress) || m_speed.PerSecond() != speedBefore ||

@@ -51,7 +51,7 @@ public:
         /// "errorText": QString, see ErrorText. Empty while there is no error.
         ErrorTextRole,
         /// "progress": double, 0 to 1, the mean of the bundle's files. A progress that is not a
-        /// number counts as the one before, and as 0 at the beginning; one above 1 as 1.
+        /// number counts as the one before, and as 0 where the status is new; one above 1 as 1.
         ProgressRole,
         /// "bytesDone": qulonglong, the progress times bytesTotal: exact for a bundle of one file,
         /// an estimate for files of different sizes. Unknown without a total.

@@ -317,6 +317,27 @@ TEST_F(ResourceListModelTest, KeepsProgressAndSpeedWhileTheProgressIsNotANumber)
     EXPECT_NEAR(Data(Role::BytesPerSecondRole).toDouble(), 200, 1);
 }
 
+TEST_F(ResourceListModelTest, MeasuresNoSpeedFromAProgressThatIsNotANumber) {
+    FakeResource& resource = Make();
+    Add(resource, 1000);
+    resource.SetProgress(0, 0);
+    ASSERT_TRUE(ShowsStatus(Status::Dowloading));
+    Reach(resource, 60, seconds(1));
+    EXPECT_EQ(Data(Role::BytesPerSecondRole), QVariant(0.0));
+    Reach(resource, 70, seconds(1));
+    EXPECT_NEAR(Data(Role::BytesPerSecondRole).toDouble(), 100, 1);
+}
+
+TEST_F(ResourceListModelTest, BeginsAt0WhenAnAvailableOneIsDownloadedAgain) {
+    FakeResource& resource = Make();
+    Add(resource, 1000);
+    resource.SetAvailable();
+    ASSERT_TRUE(ShowsStatus(Status::Available));
+    resource.SetProgress(0, 0);
+    ASSERT_TRUE(ShowsStatus(Status::Dowloading));
+    EXPECT_EQ(Progress(), 0);
+}
+
 TEST_F(ResourceListModelTest, CountsTheBytesOfTheLargestTotal) {
     constexpr auto kLargest = std::numeric_limits<std::uint64_t>::max();
     FakeResource& resource = Make();
