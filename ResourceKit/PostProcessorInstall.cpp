@@ -76,7 +76,7 @@ std::int32_t PostProcessorInstall::Process(const App::ResourceDescriptor* descri
         return kFailed;
     FileFinding finding = CheckFile(file, m_expected(*descriptor), m_stop);
     // A check without a checksum does not ask.
-    if (finding.verdict == Verdict::Good && m_stop && m_stop())
+    if (replaces && finding.verdict == Verdict::Good && m_stop && m_stop())
         finding.verdict = Verdict::Stopped;
     if (finding.verdict == Verdict::Good) {
         if (PutInPlace(file, *descriptor))

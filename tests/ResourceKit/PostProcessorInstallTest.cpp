@@ -163,6 +163,13 @@ TEST_F(PostProcessorInstallTest, InstallsNothingOnceItIsToStop) {
     }
 }
 
+TEST_F(PostProcessorInstallTest, KeepsAGoodFileThatIsInPlaceAlsoWhenItIsToStop) {
+    descriptor.downloadPath = descriptor.localPath;
+    expected = {3, {}};
+    EXPECT_EQ(Process([] { return true; }), 0);
+    ExpectOnlyTheOldCopy();
+}
+
 TEST_F(PostProcessorInstallTest, InstallsNothingWhenItIsToStopAtTheEndOfTheCheck) {
     folder.Write("new", "abc");
     // Before the content, and where there is no more of it.
