@@ -112,9 +112,12 @@ void Session::Observe() {
 
 IRemoteResource& Session::RegisterAlone(std::size_t file) {
     const Kit::Manifest::File& entry = m_manifest.Files()[file];
-    App::ResourceDescriptorBundle& alone = m_alone[file];
-    alone.descriptors.insert(&entry.descriptor);
-    alone.userData = file;
+    const auto [place, isNew] = m_alone.try_emplace(file);
+    App::ResourceDescriptorBundle& alone = place->second;
+    if (isNew) {
+        alone.descriptors.insert(&entry.descriptor);
+        alone.userData = file;
+    }
     return *SchedulerOf(entry.bundle).Register(&alone);
 }
 

@@ -39,18 +39,23 @@ using Kit::ManifestResult;
 
 constexpr const char* kStandardInput = "-";
 
+struct CloseFile {
+    void operator()(std::FILE* file) const { std::fclose(file); }
+};
+
 /// Appends the whole of a file, or of standard input. The system's error number, or 0.
 int ReadInput(const std::string& name, std::string& text) {
-    using File = std::unique_ptr<std::FILE, decltype(&std::fclose)>;
-    const File opened(name == kStandardInput ? nullptr : std::fopen(name.c_str(), "rbe"),
-                      &std::fclose);
+    const std::unique_ptr<std::FILE, CloseFile> opened(
+        name == kStandardInput ? nullptr : std::fopen(name.c_str(), "rbe"));
     std::FILE* file = name == kStandardInput ? stdin : opened.get();
     if (file == nullptr)
         return errno;
     std::array<char, 64 * 1024> piece;
     std::size_t size = 0;
-    while ((size = std::fread(piece.data(), 1, piece.size(), file)) > 0)
+    do {
+        size = std::fread(piece.data(), 1, piece.size(), file);
         text.append(piece.data(), size);
+    } while (size == piece.size());
     // A folder can be opened; only reading it fails.
     return std::ferror(file) != 0 ? errno : 0;
 }
