@@ -82,7 +82,7 @@ public:
         /// Of all files together, holes in sparse ones included.
         std::uint64_t bytes = std::uint64_t{4} * 1024 * 1024 * 1024;
         /// Files, folders and links, each as often as the archive has it, and folders that are
-        /// only part of a path.
+        /// only part of a path, or whose entry comes behind what is in them.
         std::uint64_t entries = 100'000;
     };
 

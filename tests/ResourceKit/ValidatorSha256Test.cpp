@@ -168,13 +168,19 @@ TEST_F(ValidatorSha256Test, JudgesManyFilesAtOnce) {
         EXPECT_EQ(descriptors[i].localPath.exists(), i % 2 == 0) << i;
 }
 
-TEST_F(ValidatorSha256Test, JudgesOneFileManyTimesAtOnce) {
+TEST_F(ValidatorSha256Test, JudgesOneFileManyTimesAtOnceWhileNewCopiesTakeItsName) {
     descriptor.localPath = folder.Write("file", "abc");
+    descriptor.downloadPath = descriptor.localPath;
     ValidatorSha256 validator([](const auto&) { return ExpectedFile{3, kSumOfAbc}; });
     std::atomic<int> rejected{0};
     std::vector<std::thread> threads;
-    for (int i = 0; i < 8; ++i)
-        threads.emplace_back([&] { rejected += validator.Validate(&descriptor); });
+    for (int i = 0; i < 4; ++i)
+        threads.emplace_back([&] {
+            for (int round = 0; round < 100; ++round)
+                rejected += validator.Validate(&descriptor);
+        });
+    for (int round = 0; round < 100; ++round)
+        App::ioPath::rename(folder.Write("new", "abc"), descriptor.localPath);
     for (std::thread& thread : threads)
         thread.join();
     EXPECT_EQ(rejected, 0);
