@@ -157,6 +157,18 @@ TEST_F(CurlHttpClientProxyTest, FailsWhenTheProxyRefusesATunnel) {
     EXPECT_EQ(m_data, "");
 }
 
+TEST_F(CurlHttpClientProxyTest, FailsWhenTheProxyAsksForAName) {
+    const HttpProxyServer proxy("BasicAuth somebody secret");
+    m_options.proxy = proxy.Url();
+    for (const std::string& url : {m_server.Url("/file"), m_server.SecureUrl("/file")}) {
+        SCOPED_TRACE(url);
+        const Response response = Get(url);
+        EXPECT_EQ(response.errorCode, 4);
+        EXPECT_THAT(response.errorText, HasSubstr("407"));
+        EXPECT_EQ(m_data, "");
+    }
+}
+
 TEST_F(CurlHttpClientProxyTest, FailsWhenTheProxyCannotReachTheServer) {
     const LoopbackPort nobody;
     const HttpProxyServer proxy;

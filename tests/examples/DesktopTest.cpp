@@ -29,6 +29,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace Halvex {
@@ -69,6 +70,7 @@ protected:
         m_failureCounter.emplace();
         m_failureCounter->SetCallback(
             [this](IRemoteResource::State state, const App::ResourceDescriptorBundle* bundle) {
+                EXPECT_EQ(std::this_thread::get_id(), m_thread);
                 if (state.status == IRemoteResource::DownloadStatus::Error)
                     m_failures[bundle].push_back(state.error);
             });
@@ -196,6 +198,8 @@ protected:
     std::map<const App::ResourceDescriptorBundle*, std::vector<IRemoteResource::DownloadError>>
         m_failures;
     std::optional<App::RemoteResourceEventHandlerCallback> m_failureCounter;
+    /// The window's, where all notifications are to arrive.
+    const std::thread::id m_thread = std::this_thread::get_id();
     std::optional<Window> m_window;
 };
 
