@@ -826,6 +826,17 @@ protected:
         return resource->GetState();
     }
 
+    /// The archive as it is now is unpacked to this, and a second run needs no download.
+    void ExpectOneDownload(const std::string& tree) {
+        m_downloader->On("archive.zip",
+                         Testing::ScriptedDownload::Complete(ReadFile(m_descriptor.downloadPath)));
+        for (int run = 0; run < 2; ++run) {
+            EXPECT_EQ(Run().status, App::IRemoteResource::DownloadStatus::Available);
+            EXPECT_EQ(FolderTree(m_folder.Path()), tree);
+        }
+        EXPECT_EQ(m_downloader->DownloadCount("archive.zip"), 1U);
+    }
+
     const App::ResourceDescriptorBundle m_bundle{{&m_descriptor}};
     const std::shared_ptr<Testing::ScriptedDownloader> m_downloader =
         std::make_shared<Testing::ScriptedDownloader>();
@@ -834,12 +845,7 @@ protected:
 
 TEST_F(PostProcessorUnpackInAManager, MakesAResourceAvailableThatIsNotDownloadedAgain) {
     Zip().File("file", "content");
-    m_downloader->On("archive.zip",
-                     Testing::ScriptedDownload::Complete(ReadFile(m_descriptor.downloadPath)));
-    EXPECT_EQ(Run().status, App::IRemoteResource::DownloadStatus::Available);
-    EXPECT_EQ(FolderTree(m_folder.Path()), "target/ target/file=content");
-    EXPECT_EQ(Run().status, App::IRemoteResource::DownloadStatus::Available);
-    EXPECT_EQ(m_downloader->DownloadCount("archive.zip"), 1U);
+    ExpectOneDownload("target/ target/file=content");
 }
 
 /// Accepts a folder with this version in it.
@@ -856,12 +862,7 @@ TEST_F(PostProcessorUnpackInAManager, ReplacesAFolderThatAValidatorFindsTooOld) 
     m_descriptor.validationMode = 1;
     m_validator = std::make_shared<VersionValidator>();
     Zip().File("version", "2");
-    m_downloader->On("archive.zip",
-                     Testing::ScriptedDownload::Complete(ReadFile(m_descriptor.downloadPath)));
-    EXPECT_EQ(Run().status, App::IRemoteResource::DownloadStatus::Available);
-    EXPECT_EQ(FolderTree(m_folder.Path()), "target/ target/version=2");
-    EXPECT_EQ(Run().status, App::IRemoteResource::DownloadStatus::Available);
-    EXPECT_EQ(m_downloader->DownloadCount("archive.zip"), 1U);
+    ExpectOneDownload("target/ target/version=2");
 }
 
 TEST_F(PostProcessorUnpackInAManager, KeepsAnyFolderWhereItsExistenceSuffices) {
