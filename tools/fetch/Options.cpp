@@ -29,8 +29,8 @@ Manifest: {"baseUrl": "...", "bundles": [{"name": "...", "priority": "high|norma
            "startup": false, "files": [{"path": "a/b.bin", "url": "optional override",
            "size": 123, "sha256": "optional"}]}]}
 
-Exit status: 0 all files are available, 1 some were given up (each is named on standard error),
-2 bad arguments or manifest, 130 after an interrupt.)";
+Exit status: 0 all files are available, 1 some were given up (each is named on standard error) or
+the new manifest could not be written, 2 bad arguments or manifest, 130 after an interrupt.)";
 
 CLI::Validator NotEmpty() {
     return CLI::Validator(
