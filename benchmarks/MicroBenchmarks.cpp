@@ -261,7 +261,7 @@ void InitAndFirstNotification(benchmark::State& state) {
 }
 BENCHMARK(InitAndFirstNotification)->Unit(benchmark::kMillisecond);
 
-/// Of a manager whose thread sleeps.
+/// Of a manager that has nothing to do.
 void AbortOfAnIdleManager(benchmark::State& state) {
     for (auto _ : state) {
         state.PauseTiming();

@@ -116,12 +116,12 @@ def judged(value, limit):
            ("yes" if value <= limit else "NO ")
 
 
-def report(workload, costs):
-    """Prints the medians and the verdict; gives what is kept."""
+def report(workload, files, costs):
+    """Prints the medians and the verdict; gives what is kept. files: how many there were."""
     ours = costs["halvex-fetch"]
     peers = [name for name in costs if name != "halvex-fetch" and not name.startswith("(")]
     best = min(peers, key=lambda name: costs[name].wall)
-    print(f"\n{workload.name}")
+    print(f"\n{workload.name}" + (f" (here {files:,})" if files != workload.files else ""))
     for name, cost in costs.items():
         print(f"  {name:13} wall {cost.wall:7.3f} s   cpu {cost.cpu:7.3f} s   "
               f"memory {cost.memory:5.0f} MiB")
@@ -163,7 +163,7 @@ def run(workload, build, nginx, memory, quick):
                 costs = compare([f"http://127.0.0.1:{proxy.port}/{name}" for name in names])
         else:
             costs = compare([url(name) for name in names])
-    return report(workload, costs)
+    return report(workload, files, costs)
 
 
 def main():
