@@ -3,6 +3,7 @@
 #include "MeteredDownloader.h"
 #include "Networking/IHttpClient.h"
 #include "Options.h"
+#include "ProxyPerServer.h"
 #include "ResourceDownloadManager/Downloader/ResourceDownloaderFileMock.h"
 #include "ResourceDownloadManager/Downloader/ResourceDownloaderHttp.h"
 #include "ResourceDownloadManager/EventTracer.h"
@@ -32,7 +33,8 @@ MakeDownloader(const Options& options,
                                                               options.sourceSpeed),
             networkStateChecker);
     return std::make_shared<App::ResourceDownloaderHttp>(
-        Networking::createHttpClient(options.client), std::make_shared<App::QtProxyProvider>(),
+        Networking::createHttpClient(options.client),
+        std::make_shared<ProxyPerServer>(std::make_shared<App::QtProxyProvider>()),
         networkStateChecker);
 }
 

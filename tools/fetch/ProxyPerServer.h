@@ -1,0 +1,31 @@
+#pragma once
+
+#include "ResourceDownloadManager/IProxyProvider.h"
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+
+namespace Halvex::Fetch {
+
+/// Another provider's answers, each asked for once per server: what Qt reads them from stays the
+/// same while the program runs, and asking costs a twentieth of the CPU time of a small file.
+///
+/// Thread-safe, as the other provider must be.
+class ProxyPerServer : public App::IProxyProvider {
+public:
+    /// Shares the other provider. A few threads that come first may each ask it.
+    explicit ProxyPerServer(std::shared_ptr<App::IProxyProvider> provider);
+
+    Proxy GetSystemProxy(const std::string& url) const override;
+
+private:
+    const std::shared_ptr<App::IProxyProvider> m_provider;
+    mutable std::mutex m_mutex;
+    /// By what stands before the path in an address. Guarded by m_mutex.
+    mutable std::map<std::string, Proxy, std::less<>> m_known;
+};
+
+} // namespace Halvex::Fetch
