@@ -43,7 +43,7 @@ def verdicts(results):
     yield "the look alone: 100,000 against 1,000", many / few, None, False
     yield "a progress report that is due for nobody, bundle of 100,000: us", \
         results.nanoseconds("ProgressReport/100000") / MICROSECOND, 1, False
-    yield "the same against a bundle of one", \
+    yield "a progress report, bundle of 100,000 against a bundle of one", \
         results.nanoseconds("ProgressReport/100000") / results.nanoseconds("ProgressReport/1"), \
         None, False
     yield "memory of a registered resource: bytes", \

@@ -13,8 +13,8 @@
 namespace Halvex::Testing {
 
 /// The system calls that the library makes on files while it lives, in order, and the place to put
-/// faults into them. Covers open, read, write, close, fdatasync, rename, unlink and nanosleep in
-/// programs that link HalvexTestSystemCalls.
+/// faults into them. Those on sockets are a test server's and left out. Covers open, read, write,
+/// close, fdatasync, rename, unlink and nanosleep in programs that link HalvexTestSystemCalls.
 ///
 /// Thread-safe. One at a time.
 class SystemCalls {

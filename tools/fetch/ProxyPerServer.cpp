@@ -1,5 +1,6 @@
 #include "ProxyPerServer.h"
 
+#include <cstddef>
 #include <string_view>
 #include <utility>
 

@@ -10,8 +10,9 @@
 
 namespace Halvex::Fetch {
 
-/// Another provider's answers, each asked for once per server: what Qt reads them from stays the
-/// same while the program runs, and asking costs a twentieth of the CPU time of a small file.
+/// Another provider's answers, each asked for once per server. On Linux Qt reads them from the
+/// environment, which stays the same while the program runs, and asking for each file costs a
+/// twentieth of the CPU time of a small one.
 ///
 /// Thread-safe, as the other provider must be.
 class ProxyPerServer : public App::IProxyProvider {
