@@ -423,6 +423,7 @@ TEST_F(ResourceDownloaderFileMockSpeedTest, PausesAfterTheQueryOfAChunkAtSpeedZe
     const auto made = m_calls.Made();
     const auto query = std::find(made.begin(), made.end(), "query");
     ASSERT_NE(query, made.end());
+    ASSERT_NE(query + 1, made.end());
     EXPECT_EQ(*(query + 1), "nanosleep");
 }
 
