@@ -47,6 +47,12 @@ public:
 
     Response Run(const QNetworkRequest& request) {
         QNetworkReply* reply = m_manager.get(request);
+        // What Qt 5 made for fetching a redirect lives in another thread, until that deletes it,
+        // and still hears the signal that starts the fetching of the target: it asked for the
+        // redirect again, whose head came among what the target sent. A reply never ends when it
+        // was last.
+        QObject::connect(reply, &QNetworkReply::redirected, reply,
+                         [reply] { reply->disconnect(SIGNAL(startHttpRequest())); });
         if (m_options.dataCallback) {
             reply->setReadBufferSize(kReadBufferBytes);
             // Qt 5 sets up anew for a redirect's target, without the limit, after this signal.
@@ -155,19 +161,8 @@ private:
     /// takes that header away when it has decoded the body, whose length then differs.
     bool IsShort(const QNetworkReply& reply) const {
         bool isNumber = false;
-        const qint64 announced = AnnouncedLength(reply).trimmed().toLongLong(&isNumber);
+        const qint64 announced = reply.rawHeader("Content-Length").trimmed().toLongLong(&isNumber);
         return isNumber && m_received < announced;
-    }
-
-    /// Now and then Qt 5 adds the headers of a redirect's target to those of the redirect itself,
-    /// joining two values by a comma: then the target's length is the last of two, or missing.
-    static QByteArray AnnouncedLength(const QNetworkReply& reply) {
-        const QByteArray lengths = reply.rawHeader("Content-Length");
-        const bool isMixed = reply.url() != reply.request().url() && reply.hasRawHeader("Location");
-        if (!isMixed)
-            return lengths;
-        const int comma = lengths.lastIndexOf(',');
-        return comma < 0 ? QByteArray() : lengths.mid(comma + 1);
     }
 
     const Options& m_options;

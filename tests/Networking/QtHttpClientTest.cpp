@@ -1,5 +1,6 @@
 #include "Networking/QtHttpClient.h"
 
+#include "support/NextFunction.h"
 #include "support/ScriptedHttpServer.h"
 #include "support/TemporaryFolder.h"
 
@@ -21,6 +22,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <chrono>
 #include <functional>
 #include <limits>
@@ -29,6 +31,31 @@
 #include <stdexcept>
 #include <thread>
 #include <type_traits>
+
+struct _GMainContext;
+
+namespace Halvex::Networking {
+namespace {
+
+/// While armed, who wakes another thread's event loop goes on only after a while: the other thread
+/// is then ahead, as it is now and then by itself.
+std::atomic<bool> wakersAreSlow{false};
+std::atomic<int> slowWakeUps{0};
+
+} // namespace
+} // namespace Halvex::Networking
+
+// Stands in front of GLib's function, by which Qt wakes an event loop, for the whole program.
+extern "C" __attribute__((visibility("default"))) void
+g_main_context_wakeup(_GMainContext* context) {
+    using namespace Halvex;
+    static const auto next = Testing::NextFunction(&g_main_context_wakeup, "g_main_context_wakeup");
+    next(context);
+    if (!Networking::wakersAreSlow)
+        return;
+    ++Networking::slowWakeUps;
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+}
 
 namespace Halvex::Networking {
 namespace {
@@ -396,6 +423,22 @@ TEST_F(QtHttpClientTest, KeepsBodiesOfRedirectsFromTheDataCallback) {
     StreamTheBody();
     EXPECT_EQ(Get("/from").errorCode, 0);
     EXPECT_EQ(streamed, "there");
+}
+
+TEST_F(QtHttpClientTest, AsksOnceForEachRedirectHoweverTheThreadsRun) {
+    server.On("/from", Reply::Redirect("/between", 302, SomeBytes(1000)));
+    server.On("/between", Reply::Redirect("/to", 301, SomeBytes(1000)).Chunked());
+    server.On("/to", Reply::Ok("there"));
+    slowWakeUps = 0;
+    wakersAreSlow = true;
+    const Response response = Get("/from");
+    wakersAreSlow = false;
+    if (slowWakeUps == 0)
+        GTEST_SKIP() << "Qt does without GLib here";
+    EXPECT_EQ(response.errorCode, 0) << response.errorText;
+    EXPECT_EQ(response.body, "there");
+    for (const auto* path : {"/from", "/between", "/to"})
+        EXPECT_EQ(server.RequestCount(path), 1u) << path;
 }
 
 TEST_F(QtHttpClientTest, KeepsBodiesOfRedirectsFromTheResponse) {
