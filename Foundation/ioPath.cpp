@@ -2,6 +2,7 @@
 
 #include "Foundation/SystemError.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -105,10 +106,12 @@ ioPath ioPath::operator/(const ioPath& right) const {
     if (right.m_text.empty())
         return *this;
     const std::size_t leftEnd = m_text.find_last_not_of('/') + 1;
-    const std::size_t rightBegin = right.m_text.find_first_not_of('/');
-    if (rightBegin == std::string::npos)
-        return ioPath(m_text.substr(0, leftEnd) + '/');
-    return ioPath(m_text.substr(0, leftEnd) + '/' + right.m_text.substr(rightBegin));
+    const std::size_t rightBegin =
+        std::min(right.m_text.find_first_not_of('/'), right.m_text.size());
+    std::string joined;
+    joined.reserve(leftEnd + 1 + right.m_text.size() - rightBegin);
+    joined.append(m_text, 0, leftEnd).append(1, '/').append(right.m_text, rightBegin);
+    return ioPath(std::move(joined));
 }
 
 bool ioPath::exists() const {

@@ -55,9 +55,9 @@ void ManifestBuilder::AddFile(std::size_t place, File file) {
     }
     Manifest::Bundle& bundle = m_manifest->m_bundles.back();
     Manifest::File& added = m_manifest->m_files.emplace_back();
-    added.descriptor = Describe(file, checked.path);
-    added.path = std::move(file.path);
+    added.path = file.path;
     added.expected = std::move(file.expected);
+    added.descriptor = Describe(std::move(file), checked.path);
     added.bundle = bundle.descriptors.userData;
     // Most often it lies behind all the others.
     auto& members = bundle.descriptors.descriptors;
@@ -82,8 +82,7 @@ std::string ManifestBuilder::PlaceText(std::size_t place) const {
     return m_placePrefix + std::to_string(place);
 }
 
-App::ResourceDescriptor ManifestBuilder::Describe(const File& file,
-                                                  const std::string& localPath) const {
+App::ResourceDescriptor ManifestBuilder::Describe(File file, const std::string& localPath) const {
     const std::size_t number = m_manifest->m_files.size() - 1;
     const std::string name = m_namePrefix + std::to_string(number);
     App::ResourceDescriptor descriptor;
@@ -97,14 +96,14 @@ App::ResourceDescriptor ManifestBuilder::Describe(const File& file,
         descriptor.postProcess = 1;
     }
     descriptor.idPrefix = m_manifest->m_bundles.back().name;
-    descriptor.idSuffix = file.path;
+    descriptor.idSuffix = std::move(file.path);
     if (m_options.fromFolder) {
         descriptor.relativePath = localPath;
     } else if (file.url.empty()) {
-        descriptor.baseUrl = file.baseUrl;
+        descriptor.baseUrl = std::move(file.baseUrl);
         descriptor.relativePath = EncodePath(localPath);
     } else {
-        descriptor.relativePath = file.url;
+        descriptor.relativePath = std::move(file.url);
     }
     descriptor.validationMode = 1;
     return descriptor;

@@ -49,7 +49,7 @@ private:
     };
 
     std::string PlaceText(std::size_t place) const;
-    App::ResourceDescriptor Describe(const File& file, const std::string& localPath) const;
+    App::ResourceDescriptor Describe(File file, const std::string& localPath) const;
     void RefuseFilesInFilesPlaces();
 
     const std::string m_placePrefix;

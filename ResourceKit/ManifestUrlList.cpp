@@ -21,7 +21,7 @@ ManifestBuilder MakeBuilder(std::string placePrefix, const Manifest::Options& op
     return builder;
 }
 
-void AddUrl(ManifestBuilder& builder, std::size_t place, const std::string& url, std::string name) {
+void AddUrl(ManifestBuilder& builder, std::size_t place, std::string url, std::string name) {
     if (!Networking::Url(url).isValid()) {
         builder.Refuse(place, Quoted(url) + " is no http or https address");
         return;
@@ -32,7 +32,7 @@ void AddUrl(ManifestBuilder& builder, std::size_t place, const std::string& url,
     }
     ManifestBuilder::File file;
     file.path = std::move(name);
-    file.url = url;
+    file.url = std::move(url);
     builder.AddFile(place, std::move(file));
 }
 
@@ -48,10 +48,10 @@ std::string_view TakeLine(std::string_view& rest) {
 
 void AddLine(ManifestBuilder& builder, std::size_t place, std::string_view line) {
     const std::size_t tab = line.find('\t');
-    const std::string url(line.substr(0, tab));
-    const std::string name =
+    std::string url(line.substr(0, tab));
+    std::string name =
         tab == std::string_view::npos ? FileNameOf(url) : std::string(line.substr(tab + 1));
-    AddUrl(builder, place, url, name);
+    AddUrl(builder, place, std::move(url), std::move(name));
 }
 
 } // namespace
