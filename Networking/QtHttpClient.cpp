@@ -47,10 +47,10 @@ public:
 
     Response Run(const QNetworkRequest& request) {
         QNetworkReply* reply = m_manager.get(request);
-        // What Qt 5 made for fetching a redirect lives in another thread, until that deletes it,
-        // and still hears the signal that starts the fetching of the target: it asked for the
-        // redirect again, whose head came among what the target sent. A reply never ends when it
-        // was last.
+        // Qt 5 deletes what has fetched a redirect later, in another thread. Until then that hears
+        // the signal that starts the fetching of the target as well, and asks for the redirect once
+        // more, whose head mixes with what the target sends. If it comes last, the reply never
+        // ends.
         QObject::connect(reply, &QNetworkReply::redirected, reply,
                          [reply] { reply->disconnect(SIGNAL(startHttpRequest())); });
         if (m_options.dataCallback) {
