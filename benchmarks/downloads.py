@@ -5,13 +5,10 @@
 
 nginx serves from memory on loopback, and files are written to memory unless it is said otherwise.
 The programs run in turn, several times; the medians are compared. Needs curl, aria2c and wget2, and
-of the build halvex-fetch, HalvexDelayProxy and HalvexDownloadLayers, which shows what the library's
-layers take of it.
-For https the certificate is put into the system's store of this process alone, which takes the
-right to mount; without it those workloads are left out.
+of the build halvex-fetch, HalvexDelayProxy, HalvexTrustedStore and HalvexDownloadLayers, which shows
+what the library's layers take of it.
 """
 import argparse
-import ctypes
 import json
 import os
 import pathlib
@@ -70,19 +67,16 @@ class DelayProxy:
         self.process.wait()
 
 
-def trust(folder):
-    """Makes a certificate and has this process and its children trust it. False: not allowed."""
-    clone_newns, ms_bind, ms_rec, ms_private = 0x20000, 0x1000, 0x4000, 0x40000
+def trust(folder, build):
+    """Makes a certificate, and has the programs that are started from here on trust it."""
     subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt",
                     "ec_paramgen_curve:prime256v1", "-nodes", "-days", "2", "-subj", "/CN=127.0.0.1",
                     "-addext", "subjectAltName=IP:127.0.0.1", "-keyout", folder / "key.pem",
                     "-out", folder / "certificate.pem"], check=True, stderr=subprocess.DEVNULL)
     store = folder / "store.pem"
     store.write_bytes(pathlib.Path(STORE).read_bytes() + (folder / "certificate.pem").read_bytes())
-    libc = ctypes.CDLL(None, use_errno=True)
-    return (libc.unshare(clone_newns) == 0
-            and libc.mount(b"none", b"/", None, ms_rec | ms_private, None) == 0
-            and libc.mount(os.fsencode(store), STORE.encode(), None, ms_bind, None) == 0)
+    os.environ.update(HALVEX_TRUSTED_STORE=str(store),
+                      LD_PRELOAD=str(build / "benchmarks/libHalvexTrustedStore.so"))
 
 
 def commands_for(workload, build, urls, output, folder):
@@ -173,6 +167,7 @@ def main():
     parser.add_argument("--json", type=pathlib.Path, help="write the figures to this file too")
     parser.add_argument("--only", default="", help="only the workloads whose name contains this")
     arguments = parser.parse_args()
+    build = arguments.build.resolve()
 
     with tempfile.TemporaryDirectory(dir="/dev/shm") as place:
         memory = pathlib.Path(place)
@@ -180,17 +175,13 @@ def main():
         tls, server = memory / "tls", memory / "nginx"
         tls.mkdir()
         server.mkdir()
-        secure = trust(tls)
+        trust(tls, build)
         results = []
         with Nginx(server, memory / "site", tls) as nginx:
             for workload in WORKLOADS:
                 if arguments.only not in workload.name:
                     continue
-                if workload.secure and not secure:
-                    print(f"\n{workload.name}: left out, this process may not mount")
-                    continue
-                results.append(run(workload, arguments.build.resolve(), nginx, memory,
-                                   arguments.quick))
+                results.append(run(workload, build, nginx, memory, arguments.quick))
                 sys.stdout.flush()
     if arguments.json:
         arguments.json.write_text(json.dumps(results, indent=1) + "\n")
