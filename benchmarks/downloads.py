@@ -67,16 +67,18 @@ class DelayProxy:
         self.process.wait()
 
 
-def trust(folder, build):
-    """Makes a certificate, and has the programs that are started from here on trust it."""
+def trusting(folder, build):
+    """Makes a certificate; gives what stands before a program's command so that it trusts that."""
+    module = build / "benchmarks/libHalvexTrustedStore.so"
+    if not module.exists():
+        raise RuntimeError(f"{module} has not been built")
     subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt",
                     "ec_paramgen_curve:prime256v1", "-nodes", "-days", "2", "-subj", "/CN=127.0.0.1",
                     "-addext", "subjectAltName=IP:127.0.0.1", "-keyout", folder / "key.pem",
                     "-out", folder / "certificate.pem"], check=True, stderr=subprocess.DEVNULL)
     store = folder / "store.pem"
     store.write_bytes(pathlib.Path(STORE).read_bytes() + (folder / "certificate.pem").read_bytes())
-    os.environ.update(HALVEX_TRUSTED_STORE=str(store),
-                      LD_PRELOAD=str(build / "benchmarks/libHalvexTrustedStore.so"))
+    return ["env", f"HALVEX_TRUSTED_STORE={store}", f"LD_PRELOAD={module}"]
 
 
 def commands_for(workload, build, urls, output, folder):
@@ -128,7 +130,7 @@ def report(workload, files, costs):
             "costs": {name: vars(cost) for name, cost in costs.items()}}
 
 
-def run(workload, build, nginx, memory, quick):
+def run(workload, build, nginx, memory, trusted, quick):
     files, runs = workload.files, workload.runs
     if quick:
         files, runs = max(files // 5, min(files, 2)), 1 if workload.size >= GIB else 3
@@ -148,6 +150,8 @@ def run(workload, build, nginx, memory, quick):
 
         def compare(urls):
             commands = commands_for(workload, build, urls, output, memory)
+            if workload.secure:
+                commands = {name: trusted + command for name, command in commands.items()}
             finish = {name: ["sync", "-f", place] for name in commands if name != "halvex-fetch"}
             return medians(commands, output, runs, files * workload.size,
                            finish if workload.to_disk else None)
@@ -175,13 +179,13 @@ def main():
         tls, server = memory / "tls", memory / "nginx"
         tls.mkdir()
         server.mkdir()
-        trust(tls, build)
+        trusted = trusting(tls, build)
         results = []
         with Nginx(server, memory / "site", tls) as nginx:
             for workload in WORKLOADS:
                 if arguments.only not in workload.name:
                     continue
-                results.append(run(workload, build, nginx, memory, arguments.quick))
+                results.append(run(workload, build, nginx, memory, trusted, arguments.quick))
                 sys.stdout.flush()
     if arguments.json:
         arguments.json.write_text(json.dumps(results, indent=1) + "\n")
