@@ -6,7 +6,6 @@
 
 #include <gmock/gmock.h>
 
-#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <memory>
@@ -18,6 +17,7 @@ namespace Halvex::App {
 namespace {
 
 using Testing::Application;
+using testing::Each;
 using testing::ElementsAre;
 using Testing::GeneratedBytes;
 using Testing::LogCapture;
@@ -27,6 +27,7 @@ using Testing::ReadFile;
 using Testing::Reply;
 using Testing::ScriptedHttpServer;
 using testing::SizeIs;
+using testing::StartsWith;
 using Testing::StatusLog;
 using Testing::TemporaryFolder;
 using Testing::WaitForOutcome;
@@ -150,18 +151,15 @@ TEST_P(Retry, AServerThatStaysAwayGetsTwentyRetries) {
     const LoopbackPort nobody;
     const ResourceDescriptor& away = application.AddFile("http://" + nobody.Address(), "away");
     const LogCapture log;
-    const auto attempts = [&] {
-        const std::vector<std::string> errors = log.Errors();
-        return std::count_if(errors.begin(), errors.end(), [&](const std::string& line) {
-            return line.rfind("request=http://" + nobody.Address() + "/away", 0) == 0;
-        });
-    };
     IRemoteResource* lost = application.Schedule({&away});
     application.manager.StartEventLoopThread();
-    EXPECT_TRUE(EndPausesUntil([&] { return attempts() == 21; }));
+    ASSERT_TRUE(EndPausesUntil([&] { return log.Errors().size() == 21; }));
+    EXPECT_THAT(log.Errors(), Each(StartsWith("request=http://" + nobody.Address() + "/away")));
     EXPECT_TRUE(WaitForTheRetryOfAnother());
     application.manager.Abort();
-    EXPECT_EQ(attempts(), 21);
+    const std::vector<std::string> errors = log.Errors();
+    const std::vector<std::string> since(errors.begin() + 21, errors.end());
+    EXPECT_THAT(since, Each(StartsWith("request=" + server.Url("/another"))));
     EXPECT_EQ(Outcome(lost->GetState()), "Error InternetConnectionLost");
 }
 
