@@ -240,11 +240,12 @@ void CurlHandlePool::GiveBack(std::unique_ptr<CurlHandle> handle) {
 
 // The lock is held from one callback to the other, which the analysis cannot follow.
 void CurlHandlePool::Lock(CURL*, curl_lock_data data, curl_lock_access,
-                          void* pool) NO_THREAD_SAFETY_ANALYSIS {
+                          void* pool) HALVEX_NO_THREAD_SAFETY_ANALYSIS {
     static_cast<CurlHandlePool*>(pool)->m_shareMutexes[data].lock();
 }
 
-void CurlHandlePool::Unlock(CURL*, curl_lock_data data, void* pool) NO_THREAD_SAFETY_ANALYSIS {
+void CurlHandlePool::Unlock(CURL*, curl_lock_data data,
+                            void* pool) HALVEX_NO_THREAD_SAFETY_ANALYSIS {
     static_cast<CurlHandlePool*>(pool)->m_shareMutexes[data].unlock();
 }
 

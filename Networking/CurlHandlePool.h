@@ -29,14 +29,14 @@ public:
     TlsAuthorities& operator=(const TlsAuthorities&) = delete;
 
     /// Null: they cannot be read.
-    X509_STORE* Store() EXCLUDES(m_mutex);
+    X509_STORE* Store() HALVEX_EXCLUDES(m_mutex);
     /// Where they are read from, for people.
     std::string Source() const { return m_file.empty() ? "the system" : m_file; }
 
 private:
     const std::string m_file;
     Mutex m_mutex;
-    X509_STORE* m_store GUARDED_BY(m_mutex) = nullptr;
+    X509_STORE* m_store HALVEX_GUARDED_BY(m_mutex) = nullptr;
 };
 
 /// An easy handle and the multi handle that drives it, with the connections that it keeps open.
@@ -116,8 +116,8 @@ public:
 
     /// The handle that was given back last, whose connection is the most likely to be alive, or a
     /// new one.
-    std::unique_ptr<CurlHandle> Borrow() EXCLUDES(m_mutex);
-    void GiveBack(std::unique_ptr<CurlHandle> handle) EXCLUDES(m_mutex);
+    std::unique_ptr<CurlHandle> Borrow() HALVEX_EXCLUDES(m_mutex);
+    void GiveBack(std::unique_ptr<CurlHandle> handle) HALVEX_EXCLUDES(m_mutex);
 
 private:
     static void Lock(CURL* easy, curl_lock_data data, curl_lock_access access, void* pool);
@@ -129,7 +129,7 @@ private:
     Mutex m_shareMutexes[CURL_LOCK_DATA_LAST];
 
     Mutex m_mutex;
-    std::vector<std::unique_ptr<CurlHandle>> m_idle GUARDED_BY(m_mutex);
+    std::vector<std::unique_ptr<CurlHandle>> m_idle HALVEX_GUARDED_BY(m_mutex);
 };
 
 /// Keeps SIGPIPE from the calling thread while it lives: a TLS connection that the server has

@@ -42,36 +42,36 @@ public:
     ActiveState& operator=(const ActiveState&) = delete;
 
     /// The latest state. Waits for an observer that is being called on another thread.
-    State GetState() EXCLUDES(m_mutex);
+    State GetState() HALVEX_EXCLUDES(m_mutex);
 
     /// What the state belongs to and the state itself, a copy of which is stored in snapshot: the
     /// record's state pointer leads there.
-    IEventTracer::TraceRecord GetTraceRecord(State& snapshot) const EXCLUDES(m_mutex);
+    IEventTracer::TraceRecord GetTraceRecord(State& snapshot) const HALVEX_EXCLUDES(m_mutex);
 
-    void SetAvailable() EXCLUDES(m_mutex);
-    void SetError(IRemoteResource::DownloadError error) EXCLUDES(m_mutex);
+    void SetAvailable() HALVEX_EXCLUDES(m_mutex);
+    void SetError(IRemoteResource::DownloadError error) HALVEX_EXCLUDES(m_mutex);
     /// How often SetError has been called so far.
-    std::uint64_t ErrorCount() const EXCLUDES(m_mutex);
+    std::uint64_t ErrorCount() const HALVEX_EXCLUDES(m_mutex);
     /// SetAvailable, for something found out when SetError had been called so often. False: it has
     /// been called again since, and nothing changed.
-    bool SetAvailable(std::uint64_t errorCount) EXCLUDES(m_mutex);
+    bool SetAvailable(std::uint64_t errorCount) HALVEX_EXCLUDES(m_mutex);
     /// The progress of 0 of 0 is not a number.
-    void SetProgress(std::uint64_t done, std::uint64_t total) EXCLUDES(m_mutex);
+    void SetProgress(std::uint64_t done, std::uint64_t total) HALVEX_EXCLUDES(m_mutex);
 
     /// Links this state below another one, which must outlive every later change of this one. To be
     /// called once per parent, and followed by CheckAllNotifications.
-    void AddParent(ActiveState& parent) EXCLUDES(m_mutex);
+    void AddParent(ActiveState& parent) HALVEX_EXCLUDES(m_mutex);
 
     /// Adds an observer with the function to call for it, unless it has one already. Waits as
     /// GetState does; so does RemoveHandler.
     void AddHandler(IRemoteResourceEventHandler* handler, Callback callback,
-                    const IRemoteResource::NotificationParams& params) EXCLUDES(m_mutex);
+                    const IRemoteResource::NotificationParams& params) HALVEX_EXCLUDES(m_mutex);
     /// Notifications on their way to the observer are dropped.
-    void RemoveHandler(IRemoteResourceEventHandler* handler) EXCLUDES(m_mutex);
+    void RemoveHandler(IRemoteResourceEventHandler* handler) HALVEX_EXCLUDES(m_mutex);
 
     /// Tells the parents of the present state, and every observer of this state and theirs that is
     /// due a notification.
-    void CheckAllNotifications() EXCLUDES(m_mutex);
+    void CheckAllNotifications() HALVEX_EXCLUDES(m_mutex);
 
 private:
     using Deliveries = std::vector<ITaskQueue::Task>;
@@ -117,22 +117,24 @@ private:
     };
 
     /// Null: there has been no observer yet.
-    DeliveryLock* FindDeliveryLock() const EXCLUDES(m_mutex);
-    DeliveryLock& MakeDeliveryLock() EXCLUDES(m_mutex);
+    DeliveryLock* FindDeliveryLock() const HALVEX_EXCLUDES(m_mutex);
+    DeliveryLock& MakeDeliveryLock() HALVEX_EXCLUDES(m_mutex);
     IEventTracer::TraceRecord RecordOf(const State& state) const;
-    void Change(State state) EXCLUDES(m_mutex);
-    void ChangeLocked(State state, Deliveries& due) REQUIRES(m_mutex);
-    void CheckAllNotificationsLocked(Deliveries& due) REQUIRES(m_mutex);
-    void CheckOwnNotificationsLocked(Deliveries& due) REQUIRES(m_mutex);
-    bool IsRepeatDueLocked(const HandlerEntry& entry) const REQUIRES(m_mutex);
-    std::size_t AddChild() EXCLUDES(m_mutex);
-    void UpdateChildLocked(std::size_t child, const State& state) REQUIRES(m_mutex);
+    void Change(State state) HALVEX_EXCLUDES(m_mutex);
+    void ChangeLocked(State state, Deliveries& due) HALVEX_REQUIRES(m_mutex);
+    void CheckAllNotificationsLocked(Deliveries& due) HALVEX_REQUIRES(m_mutex);
+    void CheckOwnNotificationsLocked(Deliveries& due) HALVEX_REQUIRES(m_mutex);
+    bool IsRepeatDueLocked(const HandlerEntry& entry) const HALVEX_REQUIRES(m_mutex);
+    std::size_t AddChild() HALVEX_EXCLUDES(m_mutex);
+    void UpdateChildLocked(std::size_t child, const State& state) HALVEX_REQUIRES(m_mutex);
     void Post(Deliveries due);
     /// Delivers all notifications that are on their way to the observer, up to that of this number.
-    void Deliver(IRemoteResourceEventHandler* handler, std::uint64_t number) EXCLUDES(m_mutex);
+    void Deliver(IRemoteResourceEventHandler* handler, std::uint64_t number)
+        HALVEX_EXCLUDES(m_mutex);
     /// Delivers the next notification that is on its way to the observer, unless it comes after the
     /// one of this number. True: there is another one up to that.
-    bool DeliverNext(IRemoteResourceEventHandler* handler, std::uint64_t number) EXCLUDES(m_mutex);
+    bool DeliverNext(IRemoteResourceEventHandler* handler, std::uint64_t number)
+        HALVEX_EXCLUDES(m_mutex);
 
     const ResourceDescriptor* const m_descriptor;
     const ResourceDescriptorBundle* const m_bundle;
@@ -142,13 +144,13 @@ private:
     /// Taken with the mutex of a child held, never the other way round.
     mutable Mutex m_mutex;
     /// Null: there has been no observer yet.
-    std::unique_ptr<Observers> m_observers GUARDED_BY(m_mutex);
+    std::unique_ptr<Observers> m_observers HALVEX_GUARDED_BY(m_mutex);
     /// In the order of linking.
-    boost::container::small_vector<ParentLink, 1> m_parents GUARDED_BY(m_mutex);
+    boost::container::small_vector<ParentLink, 1> m_parents HALVEX_GUARDED_BY(m_mutex);
     /// Null: there are none, as in most states.
-    std::unique_ptr<Children> m_children GUARDED_BY(m_mutex);
-    State m_state GUARDED_BY(m_mutex);
-    std::uint64_t m_errors GUARDED_BY(m_mutex) = 0;
+    std::unique_ptr<Children> m_children HALVEX_GUARDED_BY(m_mutex);
+    State m_state HALVEX_GUARDED_BY(m_mutex);
+    std::uint64_t m_errors HALVEX_GUARDED_BY(m_mutex) = 0;
 };
 
 } // namespace Halvex::App

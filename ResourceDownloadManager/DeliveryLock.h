@@ -14,9 +14,9 @@ namespace Halvex::App {
 /// in the order in which they asked for it, so that one delivery after the other keeps nobody out.
 ///
 /// Thread-safe.
-class CAPABILITY("mutex") DeliveryLock {
+class HALVEX_CAPABILITY("mutex") DeliveryLock {
 public:
-    void lock() ACQUIRE() {
+    void lock() HALVEX_ACQUIRE() {
         const std::thread::id self = std::this_thread::get_id();
         MutexLock lock(m_mutex);
         if (m_depth != 0 && m_owner == self) {
@@ -30,7 +30,7 @@ public:
         m_depth = 1;
     }
 
-    void unlock() RELEASE() {
+    void unlock() HALVEX_RELEASE() {
         const MutexLock lock(m_mutex);
         // Under the mutex: whoever waits for this lock may destroy it as soon as it has it.
         if (--m_depth == 0) {
@@ -42,17 +42,19 @@ public:
 private:
     Mutex m_mutex;
     std::condition_variable m_free;
-    std::uint64_t m_nextTicket GUARDED_BY(m_mutex) = 0;
-    std::uint64_t m_served GUARDED_BY(m_mutex) = 0;
-    std::thread::id m_owner GUARDED_BY(m_mutex);
-    std::size_t m_depth GUARDED_BY(m_mutex) = 0;
+    std::uint64_t m_nextTicket HALVEX_GUARDED_BY(m_mutex) = 0;
+    std::uint64_t m_served HALVEX_GUARDED_BY(m_mutex) = 0;
+    std::thread::id m_owner HALVEX_GUARDED_BY(m_mutex);
+    std::size_t m_depth HALVEX_GUARDED_BY(m_mutex) = 0;
 };
 
 /// Holds a DeliveryLock from construction to destruction.
-class SCOPED_CAPABILITY DeliveryScope {
+class HALVEX_SCOPED_CAPABILITY DeliveryScope {
 public:
-    explicit DeliveryScope(DeliveryLock& lock) ACQUIRE(lock) : m_lock(lock) { m_lock.lock(); }
-    ~DeliveryScope() RELEASE() { m_lock.unlock(); }
+    explicit DeliveryScope(DeliveryLock& lock) HALVEX_ACQUIRE(lock) : m_lock(lock) {
+        m_lock.lock();
+    }
+    ~DeliveryScope() HALVEX_RELEASE() { m_lock.unlock(); }
 
     DeliveryScope(const DeliveryScope&) = delete;
     DeliveryScope& operator=(const DeliveryScope&) = delete;

@@ -18,7 +18,7 @@ constexpr std::uint64_t kLostAboveRetries = 10;
 
 struct HALVEX_HIDDEN DownloadRetrier::Impl {
     /// The next failed resource that has not succeeded since it was queued; null: none.
-    ISchedulableResource* TakeNextLocked() REQUIRES(mutex) {
+    ISchedulableResource* TakeNextLocked() HALVEX_REQUIRES(mutex) {
         while (!retryQueue.empty()) {
             ISchedulableResource* resource = retryQueue.front();
             retryQueue.pop_front();
@@ -29,7 +29,7 @@ struct HALVEX_HIDDEN DownloadRetrier::Impl {
     }
 
     /// A state changes at most once per retry, so Lost is only ever reached from Unstable.
-    void CountRetryLocked() REQUIRES(mutex) {
+    void CountRetryLocked() HALVEX_REQUIRES(mutex) {
         ++retries;
         if (retries >= kUnstableFromRetries && connection == ConnectionState::Good)
             connection = ConnectionState::Unstable;
@@ -39,14 +39,14 @@ struct HALVEX_HIDDEN DownloadRetrier::Impl {
 
     Mutex mutex;
     /// In the order in which they are to be retried; the same resource may stand here twice.
-    std::list<ISchedulableResource*> retryQueue GUARDED_BY(mutex);
+    std::list<ISchedulableResource*> retryQueue HALVEX_GUARDED_BY(mutex);
     /// Retries since the last success of any resource.
-    std::uint64_t retries GUARDED_BY(mutex) = 0;
+    std::uint64_t retries HALVEX_GUARDED_BY(mutex) = 0;
     /// Check has answered Wait for the first resource of the queue; it is retried next.
-    bool waitPending GUARDED_BY(mutex) = false;
-    ConnectionState connection GUARDED_BY(mutex) = ConnectionState::Good;
+    bool waitPending HALVEX_GUARDED_BY(mutex) = false;
+    ConnectionState connection HALVEX_GUARDED_BY(mutex) = ConnectionState::Good;
     /// Failed attempts since the last success, of those whose last attempt has failed.
-    std::unordered_map<ISchedulableResource*, std::uint64_t> failures GUARDED_BY(mutex){8};
+    std::unordered_map<ISchedulableResource*, std::uint64_t> failures HALVEX_GUARDED_BY(mutex){8};
 };
 
 DownloadRetrier::DownloadRetrier() : m_impl(std::make_unique<Impl>()) {}

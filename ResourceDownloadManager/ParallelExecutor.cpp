@@ -17,7 +17,7 @@ namespace Halvex::App {
 struct HALVEX_HIDDEN ParallelExecutor::Impl : ITaskQueueEventHandler {
     explicit Impl(std::size_t threadCount) : workers(threadCount) {}
 
-    void OnQueueEvent(QueueEvent event) override EXCLUDES(stateMutex) {
+    void OnQueueEvent(QueueEvent event) override HALVEX_EXCLUDES(stateMutex) {
         if (event != QueueEvent::QueueNotEmpty)
             return;
         const MutexLock lock(stateMutex);
@@ -26,7 +26,7 @@ struct HALVEX_HIDDEN ParallelExecutor::Impl : ITaskQueueEventHandler {
         stateChanged.notify_all();
     }
 
-    Result Exec(ITaskQueue& queue) EXCLUDES(execMutex, stateMutex) {
+    Result Exec(ITaskQueue& queue) HALVEX_EXCLUDES(execMutex, stateMutex) {
         const MutexLock call(execMutex);
         JoinLeftoversLocked();
         executedAny.store(Result::NothingExecuted, std::memory_order_relaxed);
@@ -38,7 +38,7 @@ struct HALVEX_HIDDEN ParallelExecutor::Impl : ITaskQueueEventHandler {
         return executedAny.load(std::memory_order_relaxed);
     }
 
-    void Abort() EXCLUDES(execMutex, stateMutex) {
+    void Abort() HALVEX_EXCLUDES(execMutex, stateMutex) {
         aborted.exchange(true);
         stateChanged.notify_all();
         // A worker between its test of aborted and its wait misses a single broadcast.
@@ -49,17 +49,17 @@ struct HALVEX_HIDDEN ParallelExecutor::Impl : ITaskQueueEventHandler {
         execMutex.unlock();
     }
 
-    void JoinLeftovers() EXCLUDES(execMutex, stateMutex) {
+    void JoinLeftovers() HALVEX_EXCLUDES(execMutex, stateMutex) {
         const MutexLock call(execMutex);
         JoinLeftoversLocked();
     }
 
-    void SetActiveWorkers(std::size_t count) EXCLUDES(stateMutex) {
+    void SetActiveWorkers(std::size_t count) HALVEX_EXCLUDES(stateMutex) {
         const MutexLock lock(stateMutex);
         activeWorkers = count;
     }
 
-    void StartWorkersLocked(ITaskQueue& queue) REQUIRES(execMutex) {
+    void StartWorkersLocked(ITaskQueue& queue) HALVEX_REQUIRES(execMutex) {
         std::size_t started = 0;
         try {
             for (std::thread& worker : workers) {
@@ -81,7 +81,7 @@ struct HALVEX_HIDDEN ParallelExecutor::Impl : ITaskQueueEventHandler {
     }
 
     /// Joins the workers of a call that could not start them all.
-    void JoinLeftoversLocked() REQUIRES(execMutex) EXCLUDES(stateMutex) {
+    void JoinLeftoversLocked() HALVEX_REQUIRES(execMutex) HALVEX_EXCLUDES(stateMutex) {
         {
             // Abort had no call to wait for and broadcast only once, which a worker between its
             // test of aborted and its wait has missed. None is there while the lock is held.
@@ -93,7 +93,7 @@ struct HALVEX_HIDDEN ParallelExecutor::Impl : ITaskQueueEventHandler {
             std::exchange(leftoverQueue, nullptr)->UnregisterEventHandler(this);
     }
 
-    void JoinWorkersLocked() REQUIRES(execMutex) {
+    void JoinWorkersLocked() HALVEX_REQUIRES(execMutex) {
         for (std::thread& worker : workers) {
             if (worker.joinable())
                 worker.join();
@@ -113,7 +113,7 @@ struct HALVEX_HIDDEN ParallelExecutor::Impl : ITaskQueueEventHandler {
     /// Parks a worker that has found the queue empty, unless tasks have been announced since it
     /// looked. True: there are tasks again; false: all workers are idle, or the executor is
     /// aborted.
-    bool WaitForTasks(std::uint64_t announcementsSeen) EXCLUDES(stateMutex) {
+    bool WaitForTasks(std::uint64_t announcementsSeen) HALVEX_EXCLUDES(stateMutex) {
         MutexLock lock(stateMutex);
         if (announcements != announcementsSeen)
             return true;
@@ -130,17 +130,17 @@ struct HALVEX_HIDDEN ParallelExecutor::Impl : ITaskQueueEventHandler {
 
     /// Set when the queue announces tasks, cleared by a worker that finds it empty. Not reset
     /// between calls.
-    bool tasksAvailable GUARDED_BY(stateMutex) = false;
+    bool tasksAvailable HALVEX_GUARDED_BY(stateMutex) = false;
     /// Written under stateMutex. A worker reads it before it looks into the queue, so that it does
     /// not park on a task that came between its look and its wait.
     std::atomic<std::uint64_t> announcements{0};
     Mutex stateMutex;
     std::condition_variable stateChanged;
     /// The workers that are not parked.
-    std::size_t activeWorkers GUARDED_BY(stateMutex) = 0;
-    std::vector<std::thread> workers GUARDED_BY(execMutex);
+    std::size_t activeWorkers HALVEX_GUARDED_BY(stateMutex) = 0;
+    std::vector<std::thread> workers HALVEX_GUARDED_BY(execMutex);
     /// What the workers of a call that could not start them all still drain; null: there are none.
-    ITaskQueue* leftoverQueue GUARDED_BY(execMutex) = nullptr;
+    ITaskQueue* leftoverQueue HALVEX_GUARDED_BY(execMutex) = nullptr;
     /// Held for the whole of a call of ExecQueue. Outside the queue's lock and stateMutex.
     Mutex execMutex;
     /// Written by Abort without a lock, so that it never waits to say so; never reset.

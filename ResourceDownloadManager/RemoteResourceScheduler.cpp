@@ -55,7 +55,7 @@ struct HashByPlace {
 struct HALVEX_HIDDEN RemoteResourceScheduler::Impl {
     explicit Impl(ItemServices itemServices) : services(std::move(itemServices)) {}
 
-    ResourceBundle* Register(const ResourceDescriptorBundle* descriptor) EXCLUDES(mutex) {
+    ResourceBundle* Register(const ResourceDescriptorBundle* descriptor) HALVEX_EXCLUDES(mutex) {
         const MutexLock lock(mutex);
         const auto known = bundleIndex.find(descriptor);
         if (known != bundleIndex.end())
@@ -71,14 +71,15 @@ struct HALVEX_HIDDEN RemoteResourceScheduler::Impl {
         return bundle;
     }
 
-    ResourceBundle* AddBundleLocked(const ResourceDescriptorBundle* descriptor) REQUIRES(mutex) {
+    ResourceBundle* AddBundleLocked(const ResourceDescriptorBundle* descriptor)
+        HALVEX_REQUIRES(mutex) {
         bundles.push_back(std::make_unique<ResourceBundle>(descriptor, *services.notificationQueue,
                                                            *services.tracer));
         bundleIndex[descriptor] = bundles.back().get();
         return bundles.back().get();
     }
 
-    ResourceItem& ItemLocked(const ResourceDescriptor* descriptor) REQUIRES(mutex) {
+    ResourceItem& ItemLocked(const ResourceDescriptor* descriptor) HALVEX_REQUIRES(mutex) {
         return items.try_emplace(descriptor, descriptor, services).first->second;
     }
 
@@ -86,14 +87,14 @@ struct HALVEX_HIDDEN RemoteResourceScheduler::Impl {
     /// Held for the whole of a registration. Outside the locks of items and states.
     Mutex mutex;
     /// Puts items that are registered together side by side.
-    std::pmr::monotonic_buffer_resource itemMemory GUARDED_BY(mutex);
+    std::pmr::monotonic_buffer_resource itemMemory HALVEX_GUARDED_BY(mutex);
     // Items outlive the bundles that they list as their states' parents: no item changes any more
     // when this is destroyed.
     std::pmr::unordered_map<const ResourceDescriptor*, ResourceItem, HashByPlace>
-        items GUARDED_BY(mutex){&itemMemory};
-    std::vector<std::unique_ptr<ResourceBundle>> bundles GUARDED_BY(mutex);
+        items HALVEX_GUARDED_BY(mutex){&itemMemory};
+    std::vector<std::unique_ptr<ResourceBundle>> bundles HALVEX_GUARDED_BY(mutex);
     std::unordered_map<const ResourceDescriptorBundle*, ResourceBundle*>
-        bundleIndex GUARDED_BY(mutex);
+        bundleIndex HALVEX_GUARDED_BY(mutex);
 };
 
 RemoteResourceScheduler::RemoteResourceScheduler(

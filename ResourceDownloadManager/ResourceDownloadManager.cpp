@@ -142,7 +142,7 @@ struct HALVEX_HIDDEN ResourceDownloadManager::Impl {
         mainSet.Deactivate();
     }
 
-    void JoinEventLoopThread() EXCLUDES(joinMutex) {
+    void JoinEventLoopThread() HALVEX_EXCLUDES(joinMutex) {
         // Without the mutex, which is held by whoever waits for this very thread.
         if (runningLoop.load() == std::this_thread::get_id())
             throw std::system_error(std::make_error_code(std::errc::resource_deadlock_would_occur));

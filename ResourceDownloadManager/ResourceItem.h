@@ -45,17 +45,17 @@ public:
     ResourceItem& operator=(const ResourceItem&) = delete;
 
     /// Without condition, whatever was scheduled before.
-    void Schedule(SchedulePriority priority) override EXCLUDES(m_mutex);
+    void Schedule(SchedulePriority priority) override HALVEX_EXCLUDES(m_mutex);
 
     /// Only if the item has never been scheduled, or the value of the priority is greater than that
     /// of its latest scheduling: after High a request at Low queues another check, after Low one at
     /// High does not.
-    void ScheduleIfNeeded(SchedulePriority priority) EXCLUDES(m_mutex);
+    void ScheduleIfNeeded(SchedulePriority priority) HALVEX_EXCLUDES(m_mutex);
 
     ActiveState& State() { return m_state; }
 
 private:
-    void ScheduleUncheckedLocked(SchedulePriority priority) REQUIRES(m_mutex);
+    void ScheduleUncheckedLocked(SchedulePriority priority) HALVEX_REQUIRES(m_mutex);
     /// Makes the item available, as was found when so many errors had been counted. If there have
     /// been more since, it is looked at again; false: it is not so any more.
     bool SetAvailable(std::uint64_t errorCount, bool (ResourceItem::*isSo)() const);
@@ -77,8 +77,8 @@ private:
 
     /// Outside m_state's locks; held while a file found at scheduling makes the item available.
     Mutex m_mutex;
-    SchedulePriority m_scheduledPriority GUARDED_BY(m_mutex) = SchedulePriority::Low;
-    bool m_scheduled GUARDED_BY(m_mutex) = false;
+    SchedulePriority m_scheduledPriority HALVEX_GUARDED_BY(m_mutex) = SchedulePriority::Low;
+    bool m_scheduled HALVEX_GUARDED_BY(m_mutex) = false;
 
     /// Used by checks only, which take no lock; two of them may run at once.
     std::atomic<bool> m_firstCheck{true};

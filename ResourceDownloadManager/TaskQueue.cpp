@@ -16,12 +16,12 @@ struct HALVEX_HIDDEN TaskQueue::Impl {
 
     Mutex mutex;
     /// A list, once made, stays when it runs empty: there are few priorities.
-    std::map<std::int32_t, std::deque<Task>> tasks GUARDED_BY(mutex);
+    std::map<std::int32_t, std::deque<Task>> tasks HALVEX_GUARDED_BY(mutex);
     /// What was announced last, not whether there are tasks: only a failed ExecOne clears it.
-    bool hasTasks GUARDED_BY(mutex) = false;
-    std::set<ITaskQueueEventHandler*, std::less<>> handlers GUARDED_BY(mutex);
+    bool hasTasks HALVEX_GUARDED_BY(mutex) = false;
+    std::set<ITaskQueueEventHandler*, std::less<>> handlers HALVEX_GUARDED_BY(mutex);
 
-    void AnnounceLocked(bool nowHasTasks) REQUIRES(mutex) {
+    void AnnounceLocked(bool nowHasTasks) HALVEX_REQUIRES(mutex) {
         if (std::exchange(hasTasks, nowHasTasks) == nowHasTasks)
             return;
         for (ITaskQueueEventHandler* handler : handlers)
@@ -29,7 +29,7 @@ struct HALVEX_HIDDEN TaskQueue::Impl {
     }
 
     /// Moves the most urgent task out, or announces that there is none.
-    bool TakeTask(Task& task) EXCLUDES(mutex) {
+    bool TakeTask(Task& task) HALVEX_EXCLUDES(mutex) {
         const MutexLock lock(mutex);
         for (auto& [priority, list] : tasks) {
             if (list.empty())

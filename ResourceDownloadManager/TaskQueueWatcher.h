@@ -22,22 +22,22 @@ public:
     TaskQueueWatcher(const TaskQueueWatcher&) = delete;
     TaskQueueWatcher& operator=(const TaskQueueWatcher&) = delete;
 
-    void OnQueueEvent(QueueEvent event) override EXCLUDES(m_mutex);
+    void OnQueueEvent(QueueEvent event) override HALVEX_EXCLUDES(m_mutex);
 
     /// Ends every wait, now and later. For good.
-    void Deactivate() EXCLUDES(m_mutex);
-    bool IsActive() EXCLUDES(m_mutex);
+    void Deactivate() HALVEX_EXCLUDES(m_mutex);
+    bool IsActive() HALVEX_EXCLUDES(m_mutex);
 
     /// Waits until the queue has announced tasks and not their end, or the watcher is inactive, at
     /// most that many seconds; with less than 1 second without a limit.
-    void WaitForTasks(std::int64_t seconds) EXCLUDES(m_mutex);
+    void WaitForTasks(std::int64_t seconds) HALVEX_EXCLUDES(m_mutex);
 
 private:
-    QueueEvent m_lastEvent GUARDED_BY(m_mutex) = QueueEvent::QueueEmpty;
+    QueueEvent m_lastEvent HALVEX_GUARDED_BY(m_mutex) = QueueEvent::QueueEmpty;
     /// A leaf, taken with the queue's lock held.
     Mutex m_mutex;
     std::condition_variable m_changed;
-    bool m_active GUARDED_BY(m_mutex) = true;
+    bool m_active HALVEX_GUARDED_BY(m_mutex) = true;
     ITaskQueue& m_queue;
 };
 

@@ -12,6 +12,8 @@ set(HALVEX_PUBLIC_HEADERS
   Foundation/IDataInput.h
   Foundation/IDataOutput.h
   Foundation/IRefCountable.h
+  Foundation/Mutex.h
+  Foundation/ThreadAnnotations.h
   Foundation/Url.h
   Foundation/ioPath.h
   Networking/IHttpClient.h

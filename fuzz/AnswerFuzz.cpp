@@ -100,9 +100,9 @@ private:
     const int m_listener = ::socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in m_address{};
     Halvex::Mutex m_mutex;
-    std::vector<std::string> m_answers GUARDED_BY(m_mutex);
-    std::size_t m_next GUARDED_BY(m_mutex) = 0;
-    std::size_t m_sentBytes GUARDED_BY(m_mutex) = 0;
+    std::vector<std::string> m_answers HALVEX_GUARDED_BY(m_mutex);
+    std::size_t m_next HALVEX_GUARDED_BY(m_mutex) = 0;
+    std::size_t m_sentBytes HALVEX_GUARDED_BY(m_mutex) = 0;
 };
 
 AnsweringServer& Server() {

@@ -20,7 +20,7 @@ class ClaimedPaths {
 public:
     /// Takes the path, waiting for it until the deadline. False: it is still in use.
     bool Take(const std::string& key, std::chrono::steady_clock::time_point deadline)
-        EXCLUDES(m_mutex) {
+        HALVEX_EXCLUDES(m_mutex) {
         MutexLock lock(m_mutex);
         while (m_paths.count(key) != 0) {
             if (!lock.WaitUntil(m_changed, deadline) && m_paths.count(key) != 0)
@@ -30,7 +30,7 @@ public:
         return true;
     }
 
-    void GiveBack(const std::string& key) EXCLUDES(m_mutex) {
+    void GiveBack(const std::string& key) HALVEX_EXCLUDES(m_mutex) {
         const MutexLock lock(m_mutex);
         m_paths.erase(key);
         m_changed.notify_all();
@@ -39,7 +39,7 @@ public:
 private:
     Mutex m_mutex;
     std::condition_variable m_changed;
-    std::set<std::string> m_paths GUARDED_BY(m_mutex);
+    std::set<std::string> m_paths HALVEX_GUARDED_BY(m_mutex);
 };
 
 ClaimedPaths& Claimed() {

@@ -170,10 +170,10 @@ private:
     std::atomic<bool> m_announcesOnRegistration{false};
     std::atomic<ITaskQueueEventHandler*> m_handler{nullptr};
     mutable Mutex m_mutex;
-    std::vector<std::string> m_log GUARDED_BY(m_mutex);
-    std::set<pid_t> m_threads GUARDED_BY(m_mutex);
+    std::vector<std::string> m_log HALVEX_GUARDED_BY(m_mutex);
+    std::set<pid_t> m_threads HALVEX_GUARDED_BY(m_mutex);
     /// Those that have found nothing when they looked last, and have not ended.
-    std::set<pid_t> m_idle GUARDED_BY(m_mutex);
+    std::set<pid_t> m_idle HALVEX_GUARDED_BY(m_mutex);
 };
 
 /// A place where so many threads wait for each other.

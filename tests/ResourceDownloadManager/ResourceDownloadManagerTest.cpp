@@ -1127,8 +1127,8 @@ public:
 
 private:
     Mutex m_mutex;
-    std::set<pid_t> m_threads GUARDED_BY(m_mutex);
-    Status m_last GUARDED_BY(m_mutex) = Status::Waiting;
+    std::set<pid_t> m_threads HALVEX_GUARDED_BY(m_mutex);
+    Status m_last HALVEX_GUARDED_BY(m_mutex) = Status::Waiting;
     RemoteResourceEventHandlerCallback m_callback;
 };
 

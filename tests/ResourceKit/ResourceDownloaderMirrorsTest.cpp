@@ -125,8 +125,8 @@ protected:
 
 private:
     Mutex m_mutex;
-    std::map<std::string, Status> m_statuses GUARDED_BY(m_mutex);
-    std::vector<std::string> m_asked GUARDED_BY(m_mutex);
+    std::map<std::string, Status> m_statuses HALVEX_GUARDED_BY(m_mutex);
+    std::vector<std::string> m_asked HALVEX_GUARDED_BY(m_mutex);
 };
 
 // Which mirror is asked

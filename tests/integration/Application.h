@@ -151,8 +151,8 @@ public:
 
 private:
     Mutex m_mutex;
-    std::vector<std::string> m_outcomes GUARDED_BY(m_mutex);
-    std::vector<std::thread::id> m_threads GUARDED_BY(m_mutex);
+    std::vector<std::string> m_outcomes HALVEX_GUARDED_BY(m_mutex);
+    std::vector<std::thread::id> m_threads HALVEX_GUARDED_BY(m_mutex);
     App::RemoteResourceEventHandlerCallback m_observer;
 };
 

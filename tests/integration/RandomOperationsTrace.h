@@ -89,7 +89,7 @@ private:
     /// By relative path.
     mutable std::map<std::string, Downloads> m_downloads;
     mutable Mutex m_mutex;
-    mutable std::list<Records> m_byThread GUARDED_BY(m_mutex);
+    mutable std::list<Records> m_byThread HALVEX_GUARDED_BY(m_mutex);
 };
 
 /// What happened to one descriptor in all.

@@ -493,7 +493,7 @@ struct Ear {
 
     Mutex mutex;
     /// The bundles that it is not registered with any more.
-    std::set<Bundle> left GUARDED_BY(mutex);
+    std::set<Bundle> left HALVEX_GUARDED_BY(mutex);
     std::atomic<bool> closed{false};
     std::atomic<int> calls{0};
     std::atomic<int> lateCalls{0};

@@ -106,7 +106,7 @@ private:
 
     Script m_script = Deliver({});
     mutable Mutex m_mutex;
-    std::vector<Call> m_calls GUARDED_BY(m_mutex);
+    std::vector<Call> m_calls HALVEX_GUARDED_BY(m_mutex);
 };
 
 } // namespace Halvex::Testing

@@ -92,9 +92,9 @@ public:
 
 private:
     mutable Mutex m_mutex;
-    Script m_script GUARDED_BY(m_mutex);
-    mutable std::vector<std::string> m_downloads GUARDED_BY(m_mutex);
-    mutable std::set<pid_t> m_threads GUARDED_BY(m_mutex);
+    Script m_script HALVEX_GUARDED_BY(m_mutex);
+    mutable std::vector<std::string> m_downloads HALVEX_GUARDED_BY(m_mutex);
+    mutable std::set<pid_t> m_threads HALVEX_GUARDED_BY(m_mutex);
     Event m_aborted;
     std::atomic<std::size_t> m_aborts{0};
 };

@@ -35,7 +35,7 @@ private:
     std::vector<std::string> Texts(google::LogSeverity severity) const;
 
     mutable Mutex m_mutex;
-    std::vector<Line> m_lines GUARDED_BY(m_mutex);
+    std::vector<Line> m_lines HALVEX_GUARDED_BY(m_mutex);
 };
 
 } // namespace Halvex::Testing

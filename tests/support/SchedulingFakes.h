@@ -72,7 +72,7 @@ public:
 
 private:
     Mutex m_mutex;
-    Calls m_calls GUARDED_BY(m_mutex);
+    Calls m_calls HALVEX_GUARDED_BY(m_mutex);
 };
 
 /// Keeps its tasks, in the order of coming, until the test runs them. Thread-safe.
@@ -132,7 +132,7 @@ private:
     CallRecorder& m_recorder;
     const std::string m_name;
     Mutex m_mutex;
-    std::deque<Task> m_tasks GUARDED_BY(m_mutex);
+    std::deque<Task> m_tasks HALVEX_GUARDED_BY(m_mutex);
 };
 
 class FakeTracer : public App::IEventTracer {
@@ -278,8 +278,8 @@ public:
 
 private:
     Mutex m_mutex;
-    std::vector<std::string> m_heard GUARDED_BY(m_mutex);
-    std::vector<const App::ResourceDescriptorBundle*> m_bundles GUARDED_BY(m_mutex);
+    std::vector<std::string> m_heard HALVEX_GUARDED_BY(m_mutex);
+    std::vector<const App::ResourceDescriptorBundle*> m_bundles HALVEX_GUARDED_BY(m_mutex);
 };
 
 /// One of each service that a scheduler works with, all recording into one list.

@@ -62,14 +62,14 @@ private:
     Fault NextFault(const std::string& name, const std::string& files);
 
     mutable Mutex m_mutex;
-    std::vector<std::string> m_made GUARDED_BY(m_mutex);
-    std::map<std::string, std::deque<Fault>> m_faults GUARDED_BY(m_mutex);
-    std::vector<std::string> m_failingFiles GUARDED_BY(m_mutex);
-    int m_failingError GUARDED_BY(m_mutex) = 0;
+    std::vector<std::string> m_made HALVEX_GUARDED_BY(m_mutex);
+    std::map<std::string, std::deque<Fault>> m_faults HALVEX_GUARDED_BY(m_mutex);
+    std::vector<std::string> m_failingFiles HALVEX_GUARDED_BY(m_mutex);
+    int m_failingError HALVEX_GUARDED_BY(m_mutex) = 0;
     /// 0: none is to fail any more.
-    std::size_t m_failsIn GUARDED_BY(m_mutex) = 0;
-    std::string m_failed GUARDED_BY(m_mutex);
-    std::function<void(const std::string&)> m_watcher GUARDED_BY(m_mutex);
+    std::size_t m_failsIn HALVEX_GUARDED_BY(m_mutex) = 0;
+    std::string m_failed HALVEX_GUARDED_BY(m_mutex);
+    std::function<void(const std::string&)> m_watcher HALVEX_GUARDED_BY(m_mutex);
 };
 
 } // namespace Halvex::Testing

@@ -15,7 +15,7 @@ namespace {
 
 struct TimedWaits {
     Mutex mutex;
-    std::map<pid_t, std::chrono::nanoseconds> latest GUARDED_BY(mutex);
+    std::map<pid_t, std::chrono::nanoseconds> latest HALVEX_GUARDED_BY(mutex);
 };
 
 TimedWaits& Recorded() {
