@@ -1,5 +1,6 @@
 #include "ResourceKit/EventTracerChrome.h"
 
+#include "Foundation/Mutex.h"
 #include "ResourceDownloadManager/ResourceDescriptor.h"
 #include "ResourceKit/TraceFile.h"
 
@@ -12,7 +13,6 @@
 #include <chrono>
 #include <cstdint>
 #include <iterator>
-#include <mutex>
 #include <vector>
 
 #include <unistd.h>
@@ -63,7 +63,7 @@ Look LookOf(Event event) {
 class Rows {
 public:
     int Take() {
-        const std::lock_guard<std::mutex> lock(m_mutex);
+        const MutexLock lock(m_mutex);
         const auto free = std::find(m_taken.begin(), m_taken.end(), false);
         const auto index = free - m_taken.begin();
         if (free == m_taken.end())
@@ -74,14 +74,13 @@ public:
     }
 
     void GiveBack(int row) {
-        const std::lock_guard<std::mutex> lock(m_mutex);
+        const MutexLock lock(m_mutex);
         m_taken[static_cast<std::size_t>(row) - 1] = false;
     }
 
 private:
-    std::mutex m_mutex;
-    /// Guarded by m_mutex.
-    std::vector<bool> m_taken;
+    Mutex m_mutex;
+    std::vector<bool> m_taken HALVEX_GUARDED_BY(m_mutex);
 };
 
 Rows& AllRows() {

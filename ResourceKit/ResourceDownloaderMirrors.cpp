@@ -1,5 +1,6 @@
 #include "ResourceKit/ResourceDownloaderMirrors.h"
 
+#include "Foundation/Mutex.h"
 #include "ResourceDownloadManager/INetworkStateChecker.h"
 #include "ResourceDownloadManager/ResourceDescriptor.h"
 
@@ -12,9 +13,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <iterator>
 #include <map>
-#include <mutex>
 #include <numeric>
 #include <utility>
 
@@ -90,14 +89,18 @@ struct HALVEX_HIDDEN ResourceDownloaderMirrors::Impl {
 
     /// Whether a mirror's host is left out while that of another candidate is not.
     bool IsLeftOutForOthers(std::size_t mirror, const std::vector<std::size_t>& candidates) const {
-        const std::lock_guard<std::mutex> lock(mutex);
+        const MutexLock lock(mutex);
         const auto now = Clock::now();
-        return IsLeftOutLocked(mirror, now) &&
-               std::any_of(candidates.begin(), candidates.end(),
-                           [&](std::size_t other) { return !IsLeftOutLocked(other, now); });
+        if (!IsLeftOutLocked(mirror, now))
+            return false;
+        for (const std::size_t other : candidates) {
+            if (!IsLeftOutLocked(other, now))
+                return true;
+        }
+        return false;
     }
 
-    bool IsLeftOutLocked(std::size_t mirror, Clock::time_point now) const {
+    bool IsLeftOutLocked(std::size_t mirror, Clock::time_point now) const HALVEX_REQUIRES(mutex) {
         const Host& host = hosts.at(hostNames[mirror]);
         // In the coarser unit, in which even the longest time fits.
         const auto passed =
@@ -107,20 +110,22 @@ struct HALVEX_HIDDEN ResourceDownloaderMirrors::Impl {
 
     /// The mirrors to try, in this order.
     std::vector<std::size_t> Candidates() const {
-        const std::lock_guard<std::mutex> lock(mutex);
+        const MutexLock lock(mutex);
         const auto now = Clock::now();
         std::vector<std::size_t> all(baseUrls.size());
         std::iota(all.begin(), all.end(), 0);
         const auto first = all.begin() + static_cast<std::ptrdiff_t>(lastWorked);
         std::rotate(all.begin(), first, first + 1);
         std::vector<std::size_t> favoured;
-        std::copy_if(all.begin(), all.end(), std::back_inserter(favoured),
-                     [&](std::size_t mirror) { return !IsLeftOutLocked(mirror, now); });
+        for (const std::size_t mirror : all) {
+            if (!IsLeftOutLocked(mirror, now))
+                favoured.push_back(mirror);
+        }
         return favoured.empty() ? all : favoured;
     }
 
     void NoteSuccess(std::size_t mirror) {
-        const std::lock_guard<std::mutex> lock(mutex);
+        const MutexLock lock(mutex);
         hosts.at(hostNames[mirror]) = {};
         lastWorked = mirror;
     }
@@ -128,7 +133,7 @@ struct HALVEX_HIDDEN ResourceDownloaderMirrors::Impl {
     void NoteFailure(std::size_t mirror) {
         std::uint64_t failures = 0;
         {
-            const std::lock_guard<std::mutex> lock(mutex);
+            const MutexLock lock(mutex);
             Host& host = hosts.at(hostNames[mirror]);
             failures = ++host.failuresInARow;
             host.lastFailure = Clock::now();
@@ -148,11 +153,11 @@ struct HALVEX_HIDDEN ResourceDownloaderMirrors::Impl {
     /// Written by Abort on any thread, never reset.
     std::atomic<bool> aborted{false};
 
-    /// Guards what follows. Nothing foreign is called under it.
-    mutable std::mutex mutex;
-    std::map<std::string, Host> hosts;
+    /// Nothing foreign is called under it.
+    mutable Mutex mutex;
+    std::map<std::string, Host> hosts HALVEX_GUARDED_BY(mutex);
     /// The mirror to begin with.
-    std::size_t lastWorked = 0;
+    std::size_t lastWorked HALVEX_GUARDED_BY(mutex) = 0;
 };
 
 ResourceDownloaderMirrors::ResourceDownloaderMirrors(

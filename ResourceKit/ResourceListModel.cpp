@@ -1,5 +1,6 @@
 #include "ResourceKit/ResourceListModel.h"
 
+#include "Foundation/Mutex.h"
 #include "ResourceDownloadManager/IRemoteResourceEventHandler.h"
 #include "ResourceDownloadManager/TaskQueueQt.h"
 #include "ResourceKit/SpeedMeter.h"
@@ -14,7 +15,6 @@
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
-#include <mutex>
 #include <utility>
 #include <vector>
 
@@ -77,7 +77,7 @@ struct HALVEX_HIDDEN ResourceListModel::Impl {
     /// A state has come for one of the rows. Any thread.
     void NoteArrival() {
         {
-            const std::lock_guard<std::mutex> lock(mutex);
+            const MutexLock lock(mutex);
             if (std::exchange(isWakeUpQueued, true))
                 return;
         }
@@ -100,7 +100,7 @@ struct HALVEX_HIDDEN ResourceListModel::Impl {
     }
 
     bool TakeWakeUp() {
-        const std::lock_guard<std::mutex> lock(mutex);
+        const MutexLock lock(mutex);
         return std::exchange(isWakeUpQueued, false);
     }
 
@@ -109,10 +109,10 @@ struct HALVEX_HIDDEN ResourceListModel::Impl {
 
     ResourceListModel& model;
     const Clock clock;
-    /// Guards isWakeUpQueued and what has arrived for each row.
-    std::mutex mutex;
+    /// Guards what has arrived for each row, too.
+    Mutex mutex;
     /// Whether a wake-up is on its way, or has come while the timer ran.
-    bool isWakeUpQueued = false;
+    bool isWakeUpQueued HALVEX_GUARDED_BY(mutex) = false;
     App::TaskQueueQt wakeUps;
     QTimer timer{&model};
     std::vector<std::unique_ptr<Row>> rows;
@@ -140,14 +140,16 @@ public:
     void OnStateChanged(State, const App::ResourceDescriptorBundle*) override {
         const State latest = m_resource.GetState();
         {
-            const std::lock_guard<std::mutex> lock(m_impl.mutex);
+            const MutexLock lock(m_impl.mutex);
             m_arrived = latest;
         }
         m_impl.NoteArrival();
     }
 
-    /// Requires: the mutex is held.
-    std::optional<State> TakeArrivedLocked() { return std::exchange(m_arrived, std::nullopt); }
+    std::optional<State> TakeArrived() {
+        const MutexLock lock(m_impl.mutex);
+        return std::exchange(m_arrived, std::nullopt);
+    }
 
     /// Shows this state now. Whether that, or the time that has passed, makes a difference.
     bool Update(const State& state, SpeedMeter::Time now) {
@@ -243,8 +245,7 @@ private:
     App::IRemoteResource& m_resource;
     const QString m_name;
     const std::optional<std::uint64_t> m_totalBytes;
-    /// Guarded by the mutex of m_impl.
-    std::optional<State> m_arrived;
+    std::optional<State> m_arrived HALVEX_GUARDED_BY(m_impl.mutex);
     // Of the model's thread.
     State m_state;
     /// Of the progress. Empty unless the status is Dowloading.
@@ -259,11 +260,7 @@ void ResourceListModel::Impl::Refresh() {
     // By numbers: whoever is told of a change may add a row.
     for (std::size_t number = 0; number < rows.size(); ++number) {
         Row& row = *rows[number];
-        std::optional<State> arrived;
-        {
-            const std::lock_guard<std::mutex> lock(mutex);
-            arrived = row.TakeArrivedLocked();
-        }
+        const std::optional<State> arrived = row.TakeArrived();
         if (row.Update(arrived.value_or(row.Shown()), clock())) {
             const QModelIndex index = model.index(static_cast<int>(number));
             Q_EMIT model.dataChanged(index, index, kChanging);
@@ -273,7 +270,7 @@ void ResourceListModel::Impl::Refresh() {
 
 /// Whether a row may change without another wake-up.
 bool ResourceListModel::Impl::IsMoving() {
-    const std::lock_guard<std::mutex> lock(mutex);
+    const MutexLock lock(mutex);
     return isWakeUpQueued || std::any_of(rows.begin(), rows.end(),
                                          [](const auto& row) { return row->IsDownloading(); });
 }

@@ -1,12 +1,12 @@
 #include "ResourceKit/ResourceWatch.h"
 
+#include "Foundation/Mutex.h"
 #include "ResourceDownloadManager/IRemoteResource.h"
 #include "ResourceDownloadManager/ResourceDescriptor.h"
 #include "ResourceKit/FileCheck.h"
 
 #include <algorithm>
 #include <condition_variable>
-#include <mutex>
 #include <optional>
 #include <utility>
 
@@ -58,21 +58,22 @@ ResourceWatch::Deadline NextTime(ResourceWatch::Deadline deadline) {
 /// Tells the watch's thread that it is no longer wanted.
 struct HALVEX_HIDDEN ResourceWatch::Stop {
     void Request() {
-        const std::lock_guard<std::mutex> lock(mutex);
+        const MutexLock lock(mutex);
         requested = true;
         changed.notify_all();
     }
 
     /// Waits until then. True: it has been requested.
     bool WaitUntil(Deadline time) {
-        std::unique_lock<std::mutex> lock(mutex);
-        return changed.wait_until(lock, time, [this] { return requested; });
+        MutexLock lock(mutex);
+        while (!requested && lock.WaitUntil(changed, time)) {
+        }
+        return requested;
     }
 
-    std::mutex mutex;
+    Mutex mutex;
     std::condition_variable changed;
-    /// Guarded by mutex.
-    bool requested = false;
+    bool requested HALVEX_GUARDED_BY(mutex) = false;
 };
 
 Answer ResourceWatch::WaitUntilAvailable(App::IRemoteResource* resource, Deadline deadline,

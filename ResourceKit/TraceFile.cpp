@@ -66,7 +66,7 @@ TraceFile::TraceFile(const App::ioPath& path, const std::string& firstElement)
 TraceFile::~TraceFile() {
     if (m_writer.joinable()) {
         {
-            const std::lock_guard<std::mutex> lock(m_mutex);
+            const MutexLock lock(m_mutex);
             m_isEnding = true;
         }
         m_changed.notify_one();
@@ -88,7 +88,7 @@ bool TraceFile::Add(const std::string& element, std::size_t mostPendingBytes) {
     const std::size_t size = element.size() + sizeof(kSeparator) - 1;
     bool wake = false;
     {
-        const std::lock_guard<std::mutex> lock(m_mutex);
+        const MutexLock lock(m_mutex);
         if (!m_isGood || m_pending.size() + size > mostPendingBytes)
             return false;
         const std::size_t before = m_pending.size();
@@ -106,23 +106,13 @@ bool TraceFile::Add(const std::string& element, std::size_t mostPendingBytes) {
 
 void TraceFile::WriteFrom(std::uint64_t position) {
     std::string text;
-    std::unique_lock<std::mutex> lock(m_mutex);
-    while (true) {
-        m_changed.wait(lock, [this] { return m_isEnding || !m_pending.empty(); });
-        m_changed.wait_for(lock, kLongestDelay,
-                           [this] { return m_isEnding || m_pending.size() >= kEnoughBytes; });
-        if (m_pending.empty())
-            return;
-        // The two take turns, so that their memory need not be got again.
-        text.clear();
-        text.swap(m_pending);
-        lock.unlock();
+    while (TakePending(text)) {
         const std::size_t size = text.size();
         // Over the old end, so that there is a new one as soon as this is done.
         if (const int error = WriteAt(m_file, position, text.append(kEnd))) {
             EndAt(position);
             Fail(error);
-            lock.lock();
+            const MutexLock lock(m_mutex);
             std::string().swap(m_pending);
             return;
         }
@@ -130,8 +120,21 @@ void TraceFile::WriteFrom(std::uint64_t position) {
         // What a burst has taken is not kept for ever.
         if (text.capacity() > kMostKeptBytes)
             std::string().swap(text);
-        lock.lock();
     }
+}
+
+/// Waits until there is enough to write, or enough time has passed. False: there is no more.
+bool TraceFile::TakePending(std::string& text) {
+    MutexLock lock(m_mutex);
+    while (!m_isEnding && m_pending.empty())
+        lock.Wait(m_changed);
+    const auto deadline = std::chrono::steady_clock::now() + kLongestDelay;
+    while (!m_isEnding && m_pending.size() < kEnoughBytes && lock.WaitUntil(m_changed, deadline)) {
+    }
+    // The two take turns, so that their memory need not be got again.
+    text.clear();
+    text.swap(m_pending);
+    return !text.empty();
 }
 
 /// Takes back what could be written of the rest. What was there needs no new space.

@@ -1,12 +1,12 @@
 #pragma once
 
+#include "Foundation/Mutex.h"
 #include "Foundation/ioPath.h"
 
 #include <atomic>
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
-#include <mutex>
 #include <string>
 #include <thread>
 
@@ -41,6 +41,7 @@ public:
 private:
     bool Add(const std::string& element, std::size_t mostPendingBytes);
     void WriteFrom(std::uint64_t position);
+    bool TakePending(std::string& text);
     void EndAt(std::uint64_t position) const;
     void Fail(int error);
 
@@ -49,14 +50,14 @@ private:
     /// Written by whoever writes the file, read by all without the mutex.
     std::atomic<bool> m_isGood{true};
 
-    /// Guards m_pending, m_end and m_isEnding. Nothing is written under it.
-    std::mutex m_mutex;
+    /// Nothing is written under it.
+    Mutex m_mutex;
     std::condition_variable m_changed;
     /// What is to be written next.
-    std::string m_pending;
+    std::string m_pending HALVEX_GUARDED_BY(m_mutex);
     /// Where the pending text ends in the file.
-    std::uint64_t m_end = 0;
-    bool m_isEnding = false;
+    std::uint64_t m_end HALVEX_GUARDED_BY(m_mutex) = 0;
+    bool m_isEnding HALVEX_GUARDED_BY(m_mutex) = false;
 
     /// None after a failure at the beginning. Declared last: it uses the others.
     std::thread m_writer;

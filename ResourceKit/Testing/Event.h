@@ -1,8 +1,9 @@
 #pragma once
 
+#include "Foundation/Mutex.h"
+
 #include <chrono>
 #include <condition_variable>
-#include <mutex>
 
 namespace Halvex::Kit::Testing {
 
@@ -14,27 +15,29 @@ constexpr std::chrono::seconds kGenerousLimit(60);
 class Event {
 public:
     void Set() {
-        const std::lock_guard lock(m_mutex);
+        const MutexLock lock(m_mutex);
         m_set = true;
         m_changed.notify_all();
     }
 
     /// False: it has not happened within the limit.
     bool Wait(std::chrono::milliseconds limit = kGenerousLimit) {
-        std::unique_lock lock(m_mutex);
-        return m_changed.wait_for(lock, limit, [this] { return m_set; });
+        const auto deadline = std::chrono::steady_clock::now() + limit;
+        MutexLock lock(m_mutex);
+        while (!m_set && lock.WaitUntil(m_changed, deadline)) {
+        }
+        return m_set;
     }
 
     bool IsSet() {
-        const std::lock_guard lock(m_mutex);
+        const MutexLock lock(m_mutex);
         return m_set;
     }
 
 private:
-    /// Guards m_set.
-    std::mutex m_mutex;
+    Mutex m_mutex;
     std::condition_variable m_changed;
-    bool m_set = false;
+    bool m_set HALVEX_GUARDED_BY(m_mutex) = false;
 };
 
 } // namespace Halvex::Kit::Testing

@@ -1,16 +1,16 @@
 #include "ResourceKit/Testing/ManualTaskQueue.h"
 
+#include "Foundation/Mutex.h"
+
 #include <map>
-#include <mutex>
 #include <utility>
 
 namespace Halvex::Kit::Testing {
 
 struct HALVEX_HIDDEN ManualTaskQueue::Impl {
-    /// Guards tasks.
-    std::mutex mutex;
+    Mutex mutex;
     /// Equal keys stay in the order of adding.
-    std::multimap<std::int32_t, Task> tasks;
+    std::multimap<std::int32_t, Task> tasks HALVEX_GUARDED_BY(mutex);
 };
 
 ManualTaskQueue::ManualTaskQueue() : m_impl(std::make_unique<Impl>()) {}
@@ -20,7 +20,7 @@ ManualTaskQueue::~ManualTaskQueue() = default;
 bool ManualTaskQueue::RunOne() {
     Task task;
     {
-        const std::lock_guard lock(m_impl->mutex);
+        const MutexLock lock(m_impl->mutex);
         const auto first = m_impl->tasks.begin();
         if (first == m_impl->tasks.end())
             return false;
@@ -39,7 +39,7 @@ std::size_t ManualTaskQueue::RunAll() {
 }
 
 std::size_t ManualTaskQueue::Size() const {
-    const std::lock_guard lock(m_impl->mutex);
+    const MutexLock lock(m_impl->mutex);
     return m_impl->tasks.size();
 }
 
@@ -48,7 +48,7 @@ bool ManualTaskQueue::ExecOne() {
 }
 
 void ManualTaskQueue::AddTask(Task task, Priority priority) {
-    const std::lock_guard lock(m_impl->mutex);
+    const MutexLock lock(m_impl->mutex);
     m_impl->tasks.emplace(priority, std::move(task));
 }
 

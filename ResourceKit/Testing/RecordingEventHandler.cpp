@@ -1,18 +1,17 @@
 #include "ResourceKit/Testing/RecordingEventHandler.h"
 
+#include "Foundation/Mutex.h"
 #include "ResourceKit/Testing/Event.h"
 
 #include <chrono>
 #include <condition_variable>
-#include <mutex>
 
 namespace Halvex::Kit::Testing {
 
 struct HALVEX_HIDDEN RecordingEventHandler::Impl {
-    /// Guards notifications.
-    std::mutex mutex;
+    Mutex mutex;
     std::condition_variable added;
-    std::vector<Notification> notifications;
+    std::vector<Notification> notifications HALVEX_GUARDED_BY(mutex);
 };
 
 RecordingEventHandler::RecordingEventHandler() : m_impl(std::make_unique<Impl>()) {}
@@ -21,13 +20,13 @@ RecordingEventHandler::~RecordingEventHandler() = default;
 
 void RecordingEventHandler::OnStateChanged(State state,
                                            const App::ResourceDescriptorBundle* bundle) {
-    const std::lock_guard lock(m_impl->mutex);
+    const MutexLock lock(m_impl->mutex);
     m_impl->notifications.push_back({state, bundle});
     m_impl->added.notify_all();
 }
 
 std::vector<RecordingEventHandler::Notification> RecordingEventHandler::Notifications() const {
-    const std::lock_guard lock(m_impl->mutex);
+    const MutexLock lock(m_impl->mutex);
     return m_impl->notifications;
 }
 
@@ -37,11 +36,10 @@ bool RecordingEventHandler::WaitFor(
     for (std::size_t i = 0;; ++i) {
         Notification next;
         {
-            std::unique_lock lock(m_impl->mutex);
-            const auto isThere = [&] {
-                return i < m_impl->notifications.size();
-            };
-            if (!m_impl->added.wait_until(lock, deadline, isThere))
+            MutexLock lock(m_impl->mutex);
+            while (i >= m_impl->notifications.size() && lock.WaitUntil(m_impl->added, deadline)) {
+            }
+            if (i >= m_impl->notifications.size())
                 return false;
             next = m_impl->notifications[i];
         }

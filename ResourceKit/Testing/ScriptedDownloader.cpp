@@ -1,5 +1,6 @@
 #include "ResourceKit/Testing/ScriptedDownloader.h"
 
+#include "Foundation/Mutex.h"
 #include "ResourceDownloadManager/FileUtils.h"
 #include "ResourceDownloadManager/ResourceDescriptor.h"
 #include "ResourceKit/Testing/Event.h"
@@ -10,7 +11,6 @@
 #include <fstream>
 #include <list>
 #include <map>
-#include <mutex>
 #include <optional>
 
 namespace Halvex::Kit::Testing {
@@ -20,6 +20,7 @@ namespace {
 /// How often a download that hangs asks whether it is cancelled: nobody announces that.
 constexpr std::chrono::milliseconds kTurn(10);
 
+using Clock = std::chrono::steady_clock;
 using Progress = std::pair<std::size_t, std::size_t>;
 
 /// A download that hangs, and what it has been told to do.
@@ -53,14 +54,14 @@ struct HALVEX_HIDDEN ScriptedDownloader::Impl {
     class Membership {
     public:
         Membership(Impl& impl, const std::string& path) : m_impl(impl) {
-            const std::lock_guard lock(m_impl.mutex);
+            const MutexLock lock(m_impl.mutex);
             m_place =
                 m_impl.hanging.insert(m_impl.hanging.end(), std::make_shared<HangingDownload>());
             (*m_place)->path = path;
             m_impl.changed.notify_all();
         }
         ~Membership() {
-            const std::lock_guard lock(m_impl.mutex);
+            const MutexLock lock(m_impl.mutex);
             (*m_place)->isGone = true;
             m_impl.hanging.erase(m_place);
             m_impl.changed.notify_all();
@@ -76,20 +77,20 @@ struct HALVEX_HIDDEN ScriptedDownloader::Impl {
         Hanging::iterator m_place;
     };
 
-    std::size_t CountLocked(const std::string& path) const {
+    std::size_t CountLocked(const std::string& path) const HALVEX_REQUIRES(mutex) {
         return static_cast<std::size_t>(std::count(downloads.begin(), downloads.end(), path));
     }
 
     /// Records a download. True: it is cancelled before it begins.
     bool IsCancelledFirst(const std::string& path, bool isCancelled) {
-        const std::lock_guard lock(mutex);
+        const MutexLock lock(mutex);
         downloads.push_back(path);
         changed.notify_all();
         return aborted || isCancelled;
     }
 
     ScriptedDownload Next(const std::string& path) {
-        const std::lock_guard lock(mutex);
+        const MutexLock lock(mutex);
         const auto found = scripts.find(path);
         if (found == scripts.end())
             return others;
@@ -106,8 +107,10 @@ struct HALVEX_HIDDEN ScriptedDownloader::Impl {
         while (true) {
             std::optional<Progress> progress;
             {
-                std::unique_lock lock(mutex);
-                changed.wait_for(lock, kTurn, [&] { return aborted || !download.IsFree(); });
+                const auto turnEnd = Clock::now() + kTurn;
+                MutexLock lock(mutex);
+                while (!aborted && download.IsFree() && lock.WaitUntil(changed, turnEnd)) {
+                }
                 if (aborted)
                     return ScriptedDownload::Fail(Status::Cancelled);
                 if (download.end)
@@ -116,7 +119,7 @@ struct HALVEX_HIDDEN ScriptedDownloader::Impl {
             }
             if (progress) {
                 task.progressCallback(progress->first, progress->second);
-                const std::lock_guard lock(mutex);
+                const MutexLock lock(mutex);
                 download.progress.reset();
                 changed.notify_all();
             }
@@ -126,27 +129,31 @@ struct HALVEX_HIDDEN ScriptedDownloader::Impl {
     }
 
     /// The first download of a path that hangs and has nothing to do; empty: none came in time.
-    std::shared_ptr<HangingDownload> WaitForHangingLocked(std::unique_lock<std::mutex>& lock,
-                                                          const std::string& path) {
-        Hanging::iterator found;
-        const bool isThere = changed.wait_for(lock, kGenerousLimit, [&] {
-            found = std::find_if(hanging.begin(), hanging.end(), [&](const auto& download) {
-                return download->path == path && download->IsFree();
-            });
-            return found != hanging.end();
-        });
-        return isThere ? *found : nullptr;
+    std::shared_ptr<HangingDownload> WaitForHangingLocked(MutexLock& lock, const std::string& path)
+        HALVEX_REQUIRES(mutex) {
+        const auto deadline = Clock::now() + kGenerousLimit;
+        while (!FindHangingLocked(path) && lock.WaitUntil(changed, deadline)) {
+        }
+        return FindHangingLocked(path);
     }
 
-    /// Guards all members.
-    mutable std::mutex mutex;
+    std::shared_ptr<HangingDownload> FindHangingLocked(const std::string& path) const
+        HALVEX_REQUIRES(mutex) {
+        const auto found = std::find_if(hanging.begin(), hanging.end(), [&](const auto& download) {
+            return download->path == path && download->IsFree();
+        });
+        return found != hanging.end() ? *found : nullptr;
+    }
+
+    mutable Mutex mutex;
     /// Any member has changed.
     std::condition_variable changed;
-    std::map<std::string, Script> scripts;
-    ScriptedDownload others = ScriptedDownload::Fail();
-    std::vector<std::string> downloads;
-    Hanging hanging;
-    bool aborted = false;
+    std::map<std::string, Script> scripts HALVEX_GUARDED_BY(mutex);
+    ScriptedDownload others HALVEX_GUARDED_BY(mutex) = ScriptedDownload::Fail();
+    std::vector<std::string> downloads HALVEX_GUARDED_BY(mutex);
+    /// Each of them is guarded by the mutex too.
+    Hanging hanging HALVEX_GUARDED_BY(mutex);
+    bool aborted HALVEX_GUARDED_BY(mutex) = false;
 };
 
 ScriptedDownloader::ScriptedDownloader() : m_impl(std::make_unique<Impl>()) {}
@@ -155,30 +162,31 @@ ScriptedDownloader::~ScriptedDownloader() = default;
 
 void ScriptedDownloader::On(const std::string& relativePath,
                             std::vector<ScriptedDownload> downloads) {
-    const std::lock_guard lock(m_impl->mutex);
+    const MutexLock lock(m_impl->mutex);
     m_impl->scripts[relativePath] = {std::move(downloads), 0};
 }
 
 void ScriptedDownloader::OnOthers(ScriptedDownload download) {
-    const std::lock_guard lock(m_impl->mutex);
+    const MutexLock lock(m_impl->mutex);
     m_impl->others = std::move(download);
 }
 
 bool ScriptedDownloader::Report(const std::string& relativePath, std::size_t done,
                                 std::size_t total) {
-    std::unique_lock lock(m_impl->mutex);
+    MutexLock lock(m_impl->mutex);
     const auto download = m_impl->WaitForHangingLocked(lock, relativePath);
     if (!download)
         return false;
     download->progress = {done, total};
     m_impl->changed.notify_all();
-    m_impl->changed.wait_for(lock, kGenerousLimit,
-                             [&] { return !download->progress || download->isGone; });
+    const auto deadline = Clock::now() + kGenerousLimit;
+    while (download->progress && !download->isGone && lock.WaitUntil(m_impl->changed, deadline)) {
+    }
     return !download->progress;
 }
 
 bool ScriptedDownloader::Finish(const std::string& relativePath, ScriptedDownload download) {
-    std::unique_lock lock(m_impl->mutex);
+    MutexLock lock(m_impl->mutex);
     const auto hanging = m_impl->WaitForHangingLocked(lock, relativePath);
     if (!hanging)
         return false;
@@ -188,24 +196,26 @@ bool ScriptedDownloader::Finish(const std::string& relativePath, ScriptedDownloa
 }
 
 std::vector<std::string> ScriptedDownloader::Downloads() const {
-    const std::lock_guard lock(m_impl->mutex);
+    const MutexLock lock(m_impl->mutex);
     return m_impl->downloads;
 }
 
 std::size_t ScriptedDownloader::DownloadCount(const std::string& relativePath) const {
-    const std::lock_guard lock(m_impl->mutex);
+    const MutexLock lock(m_impl->mutex);
     return m_impl->CountLocked(relativePath);
 }
 
 bool ScriptedDownloader::WaitForDownloads(const std::string& relativePath,
                                           std::size_t count) const {
-    std::unique_lock lock(m_impl->mutex);
-    return m_impl->changed.wait_for(lock, kGenerousLimit,
-                                    [&] { return m_impl->CountLocked(relativePath) >= count; });
+    const auto deadline = Clock::now() + kGenerousLimit;
+    MutexLock lock(m_impl->mutex);
+    while (m_impl->CountLocked(relativePath) < count && lock.WaitUntil(m_impl->changed, deadline)) {
+    }
+    return m_impl->CountLocked(relativePath) >= count;
 }
 
 bool ScriptedDownloader::IsAborted() const {
-    const std::lock_guard lock(m_impl->mutex);
+    const MutexLock lock(m_impl->mutex);
     return m_impl->aborted;
 }
 
@@ -230,7 +240,7 @@ App::IResourceDownloader::Status ScriptedDownloader::Exec(Task task) const {
 }
 
 void ScriptedDownloader::Abort() {
-    const std::lock_guard lock(m_impl->mutex);
+    const MutexLock lock(m_impl->mutex);
     m_impl->aborted = true;
     m_impl->changed.notify_all();
 }

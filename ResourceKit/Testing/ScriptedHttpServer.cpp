@@ -1,5 +1,7 @@
 #include "ResourceKit/Testing/ScriptedHttpServer.h"
 
+#include "Foundation/Mutex.h"
+#include "ResourceKit/Testing/Event.h"
 #include "ResourceKit/Testing/ServerTls.h"
 
 #include <algorithm>
@@ -7,13 +9,13 @@
 #include <atomic>
 #include <cerrno>
 #include <charconv>
+#include <chrono>
 #include <condition_variable>
 #include <csignal>
 #include <cstdio>
 #include <functional>
 #include <list>
 #include <map>
-#include <mutex>
 #include <sstream>
 #include <stdexcept>
 #include <string_view>
@@ -108,13 +110,13 @@ public:
     }
 
     void Interrupt() {
-        const std::lock_guard lock(m_mutex);
+        const MutexLock lock(m_mutex);
         if (m_open)
             ::shutdown(m_socket, SHUT_RDWR);
     }
 
     void Close() {
-        const std::lock_guard lock(m_mutex);
+        const MutexLock lock(m_mutex);
         if (m_open)
             ::close(m_socket);
         m_open = false;
@@ -189,9 +191,8 @@ private:
     std::thread m_thread;
     /// Set by the serving thread, for the accepting one to clear up.
     std::atomic<bool> m_ended{false};
-    /// Guards m_open.
-    std::mutex m_mutex;
-    bool m_open = true;
+    Mutex m_mutex;
+    bool m_open HALVEX_GUARDED_BY(m_mutex) = true;
 };
 
 struct HALVEX_HIDDEN ScriptedHttpServer::Impl {
@@ -204,19 +205,18 @@ struct HALVEX_HIDDEN ScriptedHttpServer::Impl {
     static std::optional<Request> Receive(Connection& connection);
     Reply Answer(const Request& request);
     static bool Send(Connection& connection, const Reply& reply);
-    std::size_t RequestCountLocked(const std::string& path) const;
+    std::size_t RequestCountLocked(const std::string& path) const HALVEX_REQUIRES(mutex);
 
     const std::optional<ServerCertificate> certificate;
     int listener = -1;
     int port = 0;
-    /// Guards the members from here to accepted.
-    mutable std::mutex mutex;
+    mutable Mutex mutex;
     std::condition_variable requested;
-    std::map<std::string, std::vector<Reply>> script;
-    std::map<std::string, std::size_t> answered;
-    std::optional<Reply> answerToAnything;
-    std::vector<Request> requests;
-    int accepted = 0;
+    std::map<std::string, std::vector<Reply>> script HALVEX_GUARDED_BY(mutex);
+    std::map<std::string, std::size_t> answered HALVEX_GUARDED_BY(mutex);
+    std::optional<Reply> answerToAnything HALVEX_GUARDED_BY(mutex);
+    std::vector<Request> requests HALVEX_GUARDED_BY(mutex);
+    int accepted HALVEX_GUARDED_BY(mutex) = 0;
     /// Touched by the accepting thread, and by the destructor once that one has ended.
     std::list<Connection> connections;
     std::thread acceptor;
@@ -253,13 +253,13 @@ ScriptedHttpServer::ScriptedHttpServer(std::optional<ServerCertificate> certific
 ScriptedHttpServer::~ScriptedHttpServer() = default;
 
 void ScriptedHttpServer::On(const std::string& path, std::vector<Reply> replies) {
-    const std::lock_guard lock(m_impl->mutex);
+    const MutexLock lock(m_impl->mutex);
     m_impl->script[path] = std::move(replies);
     m_impl->answered[path] = 0;
 }
 
 void ScriptedHttpServer::AnswerAnything(Reply reply) {
-    const std::lock_guard lock(m_impl->mutex);
+    const MutexLock lock(m_impl->mutex);
     m_impl->answerToAnything = std::move(reply);
 }
 
@@ -273,28 +273,31 @@ int ScriptedHttpServer::Port() const {
 }
 
 std::vector<ScriptedHttpServer::Request> ScriptedHttpServer::Requests() const {
-    const std::lock_guard lock(m_impl->mutex);
+    const MutexLock lock(m_impl->mutex);
     return m_impl->requests;
 }
 
 std::size_t ScriptedHttpServer::RequestCount(const std::string& path) const {
-    const std::lock_guard lock(m_impl->mutex);
+    const MutexLock lock(m_impl->mutex);
     return m_impl->RequestCountLocked(path);
 }
 
 bool ScriptedHttpServer::WaitForRequests(const std::string& path, std::size_t count) const {
-    std::unique_lock lock(m_impl->mutex);
-    return m_impl->requested.wait_for(lock, kGenerousLimit,
-                                      [&] { return m_impl->RequestCountLocked(path) >= count; });
+    const auto deadline = std::chrono::steady_clock::now() + kGenerousLimit;
+    MutexLock lock(m_impl->mutex);
+    while (m_impl->RequestCountLocked(path) < count &&
+           lock.WaitUntil(m_impl->requested, deadline)) {
+    }
+    return m_impl->RequestCountLocked(path) >= count;
 }
 
 int ScriptedHttpServer::ConnectionCount() const {
-    const std::lock_guard lock(m_impl->mutex);
+    const MutexLock lock(m_impl->mutex);
     return m_impl->accepted;
 }
 
 std::optional<Reply> ScriptedHttpServer::Impl::AnswerToAnything() const {
-    const std::lock_guard lock(mutex);
+    const MutexLock lock(mutex);
     return answerToAnything;
 }
 
@@ -317,7 +320,7 @@ void ScriptedHttpServer::Impl::Accept() {
         connections.remove_if([](const Connection& old) { return old.HasEnded(); });
         int number = 0;
         {
-            const std::lock_guard lock(mutex);
+            const MutexLock lock(mutex);
             number = ++accepted;
         }
         Connection& connection = connections.emplace_back(socket, number);
@@ -374,7 +377,7 @@ ScriptedHttpServer::Impl::Receive(Connection& connection) {
 }
 
 Reply ScriptedHttpServer::Impl::Answer(const Request& request) {
-    const std::lock_guard lock(mutex);
+    const MutexLock lock(mutex);
     requests.push_back(request);
     requested.notify_all();
     const auto found = script.find(request.target);

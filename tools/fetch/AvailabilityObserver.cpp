@@ -20,7 +20,7 @@ void AvailabilityObserver::OnStateChanged(App::IRemoteResource::State,
                                           const App::ResourceDescriptorBundle* bundle) {
     bool isFirst = false;
     {
-        const std::lock_guard lock(m_mutex);
+        const MutexLock lock(m_mutex);
         if (m_available[bundle->userData])
             return;
         m_available[bundle->userData] = true;
@@ -33,12 +33,12 @@ void AvailabilityObserver::OnStateChanged(App::IRemoteResource::State,
 }
 
 std::vector<std::size_t> AvailabilityObserver::TakeAvailable() {
-    const std::lock_guard lock(m_mutex);
+    const MutexLock lock(m_mutex);
     return std::exchange(m_newlyAvailable, {});
 }
 
 bool AvailabilityObserver::AreAllAvailable() const {
-    const std::lock_guard lock(m_mutex);
+    const MutexLock lock(m_mutex);
     return m_missing == 0;
 }
 

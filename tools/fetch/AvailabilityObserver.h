@@ -1,10 +1,10 @@
 #pragma once
 
+#include "Foundation/Mutex.h"
 #include "ResourceDownloadManager/IRemoteResourceEventHandler.h"
 #include "Signals.h"
 
 #include <cstddef>
-#include <mutex>
 #include <vector>
 
 namespace Halvex::Fetch {
@@ -29,11 +29,10 @@ public:
 
 private:
     const Wakeup& m_wakeup;
-    mutable std::mutex m_mutex;
-    /// All guarded by m_mutex.
-    std::vector<bool> m_available;
-    std::size_t m_missing;
-    std::vector<std::size_t> m_newlyAvailable;
+    mutable Mutex m_mutex;
+    std::vector<bool> m_available HALVEX_GUARDED_BY(m_mutex);
+    std::size_t m_missing HALVEX_GUARDED_BY(m_mutex);
+    std::vector<std::size_t> m_newlyAvailable HALVEX_GUARDED_BY(m_mutex);
 };
 
 } // namespace Halvex::Fetch

@@ -30,7 +30,7 @@ Console::Console(std::FILE* blockStream)
 void Console::DrawBlock(const std::vector<std::string>& lines) {
     const std::size_t columns = Columns();
     const std::size_t count = std::min(lines.size(), std::max<std::size_t>(Rows(), 2) - 1);
-    const std::lock_guard lock(m_mutex);
+    const MutexLock lock(m_mutex);
     EraseBlockLocked();
     std::string text;
     for (std::size_t i = 0; i < count; ++i) {
@@ -43,12 +43,12 @@ void Console::DrawBlock(const std::vector<std::string>& lines) {
 }
 
 void Console::KeepBlock() {
-    const std::lock_guard lock(m_mutex);
+    const MutexLock lock(m_mutex);
     m_blockLines.clear();
 }
 
 void Console::WriteError(const std::string& line) {
-    const std::lock_guard lock(m_mutex);
+    const MutexLock lock(m_mutex);
     if (m_sharesTerminal)
         EraseBlockLocked();
     const std::string text = line + '\n';

@@ -1,8 +1,9 @@
 #pragma once
 
+#include "Foundation/Mutex.h"
+
 #include <cstddef>
 #include <cstdio>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -34,16 +35,15 @@ public:
     std::size_t Rows() const;
 
 private:
-    void EraseBlockLocked();
-    void WriteBlockLocked(const std::string& text);
+    void EraseBlockLocked() HALVEX_REQUIRES(m_mutex);
+    void WriteBlockLocked(const std::string& text) HALVEX_REQUIRES(m_mutex);
 
     std::FILE* const m_blockStream;
     /// Whether standard error appears on the same terminal as the block.
     const bool m_sharesTerminal;
-    std::mutex m_mutex;
-    /// The columns of the block's lines, guarded by m_mutex. When the window is made narrower the
-    /// terminal breaks them.
-    std::vector<std::size_t> m_blockLines;
+    Mutex m_mutex;
+    /// The columns of the block's lines. When the window is made narrower the terminal breaks them.
+    std::vector<std::size_t> m_blockLines HALVEX_GUARDED_BY(m_mutex);
 };
 
 } // namespace Halvex::Fetch

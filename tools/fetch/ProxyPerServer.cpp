@@ -24,13 +24,13 @@ ProxyPerServer::ProxyPerServer(std::shared_ptr<App::IProxyProvider> provider)
 App::IProxyProvider::Proxy ProxyPerServer::GetSystemProxy(const std::string& url) const {
     const std::string_view server = ServerOf(url);
     {
-        const std::lock_guard lock(m_mutex);
+        const MutexLock lock(m_mutex);
         const auto known = m_known.find(server);
         if (known != m_known.end())
             return known->second;
     }
     Proxy proxy = m_provider->GetSystemProxy(url);
-    const std::lock_guard lock(m_mutex);
+    const MutexLock lock(m_mutex);
     return m_known.emplace(server, std::move(proxy)).first->second;
 }
 

@@ -1,11 +1,11 @@
 #pragma once
 
+#include "Foundation/Mutex.h"
 #include "ResourceDownloadManager/IProxyProvider.h"
 
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 
 namespace Halvex::Fetch {
@@ -24,9 +24,9 @@ public:
 
 private:
     const std::shared_ptr<App::IProxyProvider> m_provider;
-    mutable std::mutex m_mutex;
-    /// By what stands before the path in an address. Guarded by m_mutex.
-    mutable std::map<std::string, Proxy, std::less<>> m_known;
+    mutable Mutex m_mutex;
+    /// By what stands before the path in an address.
+    mutable std::map<std::string, Proxy, std::less<>> m_known HALVEX_GUARDED_BY(m_mutex);
 };
 
 } // namespace Halvex::Fetch

@@ -1,11 +1,12 @@
 #include "ProxyPerServer.h"
 
+#include "Foundation/Mutex.h"
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -20,13 +21,19 @@ using testing::ElementsAre;
 class FakeProvider : public App::IProxyProvider {
 public:
     Proxy GetSystemProxy(const std::string& url) const override {
-        const std::lock_guard lock(mutex);
-        asked.push_back(url);
+        const MutexLock lock(m_mutex);
+        m_asked.push_back(url);
         return {Proxy::Type::Socks5, "proxy for " + url, 1080};
     }
 
-    mutable std::mutex mutex;
-    mutable std::vector<std::string> asked;
+    std::vector<std::string> Asked() const {
+        const MutexLock lock(m_mutex);
+        return m_asked;
+    }
+
+private:
+    mutable Mutex m_mutex;
+    mutable std::vector<std::string> m_asked HALVEX_GUARDED_BY(m_mutex);
 };
 
 class ProxyPerServerTest : public testing::Test {
@@ -50,7 +57,7 @@ TEST_F(ProxyPerServerTest, AsksOnceForAServer) {
     for (const char* url :
          {"http://h/a", "http://h/b/c", "http://h/", "http://h", "http://h?q=/", "http://h#f"})
         EXPECT_EQ(HostFor(url), "proxy for http://h/a") << url;
-    EXPECT_THAT(fake->asked, ElementsAre("http://h/a"));
+    EXPECT_THAT(fake->Asked(), ElementsAre("http://h/a"));
 }
 
 TEST_F(ProxyPerServerTest, AsksForEachServer) {
@@ -60,7 +67,7 @@ TEST_F(ProxyPerServerTest, AsksForEachServer) {
         for (const std::string& url : urls)
             EXPECT_EQ(HostFor(url), "proxy for " + url);
     }
-    EXPECT_EQ(fake->asked, urls);
+    EXPECT_EQ(fake->Asked(), urls);
 }
 
 TEST_F(ProxyPerServerTest, PassesOnWhatIsNoAddress) {
@@ -82,8 +89,8 @@ TEST_F(ProxyPerServerTest, ServesManyThreadsAtOnce) {
     for (std::thread& thread : threads)
         thread.join();
     EXPECT_EQ(wrong, 0);
-    EXPECT_GE(fake->asked.size(), 10U);
-    EXPECT_LE(fake->asked.size(), 80U);
+    EXPECT_GE(fake->Asked().size(), 10U);
+    EXPECT_LE(fake->Asked().size(), 80U);
 }
 
 } // namespace
