@@ -1,12 +1,11 @@
 #include "integration/Application.h"
 #include "support/FakeScriptedDownloader.h"
 #include "support/NextFunction.h"
+#include "support/ProxyEnvironment.h"
 #include "support/ScriptedHttpServer.h"
 
 #include <curl/curl.h>
 #include <gmock/gmock.h>
-
-#include <QtCore/QByteArray>
 
 #include <atomic>
 #include <memory>
@@ -87,14 +86,12 @@ TEST_F(DefaultServicesBesideADownloader, IncludeNoNativeClientWhenTheQtClientIsA
 }
 
 TEST_F(DefaultServices, FetchThroughTheSystemsProxy) {
-    const QByteArray before = qgetenv("http_proxy");
-    qputenv("http_proxy", QByteArray::fromStdString(server.Url("")));
+    const Testing::ProxyEnvironment environment({{"http_proxy", server.Url("")}});
     server.On("http://files.invalid/file.bin", Reply::Ok("body"));
     Application application({});
     IRemoteResource* bundle =
         application.Schedule({&application.AddFile("http://files.invalid", "file.bin")});
     EXPECT_TRUE(application.manager.ProcessCurrentQueueQuant());
-    before.isNull() ? qunsetenv("http_proxy") : qputenv("http_proxy", before);
     EXPECT_EQ(Outcome(bundle->GetState()), "Available NoError");
 }
 
