@@ -1,5 +1,6 @@
 #include "ResourceKit/EventTracerChrome.h"
 
+#include "HeldWrites.h"
 #include "ResourceDownloadManager/ResourceDescriptor.h"
 #include "ResourceKit/Testing/ScriptedDownloader.h"
 #include "integration/Application.h"
@@ -50,6 +51,7 @@ using Event = IEventTracer::Event;
 using testing::ElementsAre;
 using Testing::FileSizeLimit;
 using testing::HasSubstr;
+using Testing::HeldWrites;
 using testing::IsEmpty;
 using Testing::LimitedThreadStarts;
 using Testing::LogCapture;
@@ -462,6 +464,33 @@ TEST_F(EventTracerChromeTest, SaysAtTheEndThatSomethingIsMissingThere) {
     Tracer().TraceString("before");
     Tracer().TraceString(std::string(64 * 1024 * 1024, 'x'));
     EXPECT_THAT(Steps(), ElementsAre("i before", "i events missing here: 1"));
+}
+
+TEST_F(EventTracerChromeTest, SaysSoAtTheEndHoweverMuchIsStillToBeWritten) {
+    constexpr std::size_t kMostPendingBytes = 64 * 1024 * 1024;
+    constexpr int kMore = 200;
+    HeldWrites held;
+    Tracer().TraceString("before");
+    EXPECT_TRUE(held.WaitForOne());
+    // Leaves room for some of the events that follow, and then not even for one.
+    Tracer().TraceString(std::string(kMostPendingBytes - 2 * kPageBytes, 'x'));
+    for (int i = 0; i < kMore; ++i)
+        Tracer().TraceString("");
+    std::atomic<pid_t> ending{0};
+    std::thread end([&] {
+        ending = Testing::ThisThread();
+        m_tracer.reset();
+    });
+    EXPECT_TRUE(WaitUntil([&] { return ending != 0 && Testing::AllSleep({ending}); }));
+    held.Release();
+    end.join();
+    const std::string json = ReadFile(m_path);
+    const auto events = Parse('[' + json.substr(json.find(",\n", json.rfind("xx")) + 1));
+    ASSERT_TRUE(events);
+    const auto shown = std::count_if(events->begin(), events->end(),
+                                     [](const Shown& event) { return event.Step() == "i "; });
+    ASSERT_GT(shown, 0);
+    EXPECT_EQ(events->back().name, "events missing here: " + std::to_string(kMore - shown));
 }
 
 // After a crash

@@ -5,8 +5,8 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <random>
+#include <sstream>
 #include <stdexcept>
 #include <vector>
 
@@ -67,7 +67,9 @@ std::string FolderOnAnotherFileSystem() {
 std::string ReadFile(const ioPath& path) {
     std::ifstream file(path.string(), std::ios::binary);
     EXPECT_TRUE(file) << "cannot read " << path;
-    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+    std::ostringstream content;
+    content << file.rdbuf();
+    return content.str();
 }
 
 std::string SomeBytes(std::size_t size, unsigned seed) {
