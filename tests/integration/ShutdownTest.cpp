@@ -5,6 +5,7 @@
 #include "support/ScriptedHttpServer.h"
 #include "support/SilentPort.h"
 #include "support/SleepingThreads.h"
+#include "support/TemporaryFolder.h"
 #include "support/TestAuthority.h"
 
 #include <gmock/gmock.h>
@@ -326,6 +327,8 @@ struct Hostility {
     const char* name;
     std::function<void(Place&)> prepare;
     std::function<bool(const Front&)> isUnderWay;
+    /// Whether what is downloaded meanwhile may be more than there is room for in memory.
+    bool isBig = false;
 };
 
 bool IsRequested(const Front& front) {
@@ -376,7 +379,7 @@ const std::vector<Hostility>& Hostilities() {
         {"Drip", serves({Reply::Generated(kEndless).Drip(100, 10ms)}), HasProgress},
         {"DrippingHead", serves({Reply::Flood("HTTP/1.1 200 OK\r\n", "X-A: b\r\n").Drip(8, 10ms)}),
          IsRequested},
-        {"EndlessBody", serves({Reply::Generated(kEndless)}), HasProgress},
+        {"EndlessBody", serves({Reply::Generated(kEndless)}), HasProgress, true},
         {"EndlessErrorPage", serves({Reply::Flood("HTTP/1.1 500 Oh\r\n\r\n", "no").Drip(2, 10ms)}),
          IsRequested},
         {"Redirects",
@@ -409,6 +412,11 @@ const std::vector<Hostility>& Hostilities() {
 /// What the server does, and whether the parallel executor is used.
 class AbortWithAQueue : public testing::TestWithParam<std::tuple<const Hostility*, bool>> {
 protected:
+    AbortWithAQueue() {
+        if (!std::get<0>(GetParam())->isBig)
+            m_inMemory.emplace();
+    }
+
     static constexpr std::size_t kThreads = 4;
     static constexpr std::size_t kQueuedForParallel = 10'000;
     /// The blocking executor goes through what is queued, twice, as if nothing had happened.
@@ -446,6 +454,10 @@ protected:
         EXPECT_EQ(application.folder.List(), "");
         return elapsed;
     }
+
+private:
+    /// The temporary files of what is queued come and go while Abort goes through it.
+    std::optional<Testing::FoldersInMemory> m_inMemory;
 };
 
 std::string NameOf(const testing::TestParamInfo<AbortWithAQueue::ParamType>& info) {

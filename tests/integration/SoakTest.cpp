@@ -1,13 +1,13 @@
 #include "ResourceDownloadManager/IEventTracer.h"
 #include "integration/Application.h"
 #include "support/ScriptedHttpServer.h"
+#include "support/TemporaryFolder.h"
 
 #include <gmock/gmock.h>
 
 #include <algorithm>
 #include <array>
 #include <atomic>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
@@ -198,16 +198,6 @@ double ResidentMegabytes() {
     return resident * static_cast<double>(::sysconf(_SC_PAGESIZE)) / 1e6;
 }
 
-/// Makes temporary folders in memory.
-class FoldersInMemory {
-public:
-    FoldersInMemory() { ::setenv("TMPDIR", "/dev/shm", 1); }
-    ~FoldersInMemory() { ::unsetenv("TMPDIR"); }
-
-    FoldersInMemory(const FoldersInMemory&) = delete;
-    FoldersInMemory& operator=(const FoldersInMemory&) = delete;
-};
-
 /// An application that downloads 100,000 files, a bundle of a thousand at a time.
 class Soak : public testing::Test {
 protected:
@@ -282,7 +272,7 @@ protected:
     }
 
 private:
-    const FoldersInMemory m_inMemory;
+    const Testing::FoldersInMemory m_inMemory;
     const std::shared_ptr<AttemptCounter> m_attempts = std::make_shared<AttemptCounter>();
     Application m_application{Parameters(), DependenciesWith(m_attempts)};
     std::size_t m_descriptorsAtATenth = 0;

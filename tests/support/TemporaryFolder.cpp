@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <random>
@@ -14,6 +15,12 @@
 #include <sys/stat.h>
 
 namespace Halvex::Testing {
+
+namespace {
+
+constexpr char kTemporaryFolder[] = "TMPDIR";
+
+} // namespace
 
 TemporaryFolder::TemporaryFolder()
     : TemporaryFolder(std::filesystem::temp_directory_path().string()) {}
@@ -48,6 +55,19 @@ std::string TemporaryFolder::List() const {
     for (const std::string& name : names)
         list += (list.empty() ? "" : " ") + name;
     return list;
+}
+
+FoldersInMemory::FoldersInMemory() {
+    if (const char* before = std::getenv(kTemporaryFolder))
+        m_before = before;
+    ::setenv(kTemporaryFolder, "/dev/shm", 1);
+}
+
+FoldersInMemory::~FoldersInMemory() {
+    if (m_before)
+        ::setenv(kTemporaryFolder, m_before->c_str(), 1);
+    else
+        ::unsetenv(kTemporaryFolder);
 }
 
 std::string FolderOnAnotherFileSystem() {

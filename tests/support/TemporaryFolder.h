@@ -2,6 +2,7 @@
 
 #include "Foundation/ioPath.h"
 
+#include <optional>
 #include <string>
 
 namespace Halvex::Testing {
@@ -28,6 +29,21 @@ public:
 
 private:
     std::string m_path;
+};
+
+/// While this lives, temporary folders are made in memory: for what takes thousands of files, and
+/// is not to take as long as a disk does. One at a time, while no other thread reads or changes the
+/// environment.
+class FoldersInMemory {
+public:
+    FoldersInMemory();
+    ~FoldersInMemory();
+
+    FoldersInMemory(const FoldersInMemory&) = delete;
+    FoldersInMemory& operator=(const FoldersInMemory&) = delete;
+
+private:
+    std::optional<std::string> m_before;
 };
 
 /// A folder for everyone on another file system than that of temporary folders. Throws when the
