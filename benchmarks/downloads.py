@@ -39,14 +39,14 @@ class Workload:
 WORKLOADS = [
     Workload("20,000 files of 16 KiB", 20000, 16 * KIB, 0.95, 1.5, 64,
              layers=("bare", "calls", "client", "downloader", "proxy")),
-    Workload("400 files of 1 MiB", 400, MIB, 0.95, 1.2, 48, runs=15),
-    Workload("4 files of 1 GiB", 4, GIB, 1.0, 1.1, 32, runs=4),
+    Workload("400 files of 1 MiB", 400, MIB, 0.95, 1.2, 48, runs=11),
+    Workload("4 files of 1 GiB", 4, GIB, 1.0, 1.1, 32, runs=3),
     Workload("20,000 files of 16 KiB, https", 20000, 16 * KIB, 1.0, 1.5, 64, secure=True,
              layers=("bare",)),
-    Workload("4 files of 1 GiB, https", 4, GIB, 1.0, 1.1, 32, secure=True, runs=4),
+    Workload("4 files of 1 GiB, https", 4, GIB, 1.0, 1.1, 32, secure=True, runs=3),
     Workload("2,000 files of 16 KiB, 20 ms round trip, 50 at a time", 2000, 16 * KIB, 0.9, jobs=50,
              delay=20, runs=9, layers=("bare",)),
-    Workload("400 files of 1 MiB to disk, synced", 400, MIB, 1.2, to_disk=True, runs=9),
+    Workload("400 files of 1 MiB to disk, synced", 400, MIB, 1.2, to_disk=True, runs=7),
 ]
 
 
@@ -112,12 +112,12 @@ def judged(value, limit):
            ("yes" if value <= limit else "NO ")
 
 
-def report(workload, files, costs):
-    """Prints the medians and the verdict; gives what is kept. files: how many there were."""
+def report(workload, note, costs):
+    """Prints the medians and the verdict; gives what is kept. note: what follows the name."""
     ours = costs["halvex-fetch"]
     peers = [name for name in costs if name != "halvex-fetch" and not name.startswith("(")]
     best = min(peers, key=lambda name: costs[name].wall)
-    print(f"\n{workload.name}" + (f" (here {files:,})" if files != workload.files else ""))
+    print(f"\n{workload.name}{note}")
     for name, cost in costs.items():
         print(f"  {name:13} wall {cost.wall:7.3f} s   cpu {cost.cpu:7.3f} s   "
               f"memory {cost.memory:5.0f} MiB")
@@ -131,16 +131,17 @@ def report(workload, files, costs):
 
 
 def run(workload, build, nginx, memory, trusted, quick):
-    files, runs = workload.files, workload.runs
+    files, size, runs, note = workload.files, workload.size, workload.runs, ""
     if quick:
-        files, runs = max(files // 5, min(files, 2)), 1 if workload.size >= GIB else 3
+        files, size, runs = (files, size // 4, 2) if size >= GIB else (files // 5, size, 3)
+        note = f" (here {files:,} of {size // KIB} KiB)"
     site = memory / "site"
     shutil.rmtree(site, ignore_errors=True)
     site.mkdir()
     source = site / "source"
     with source.open("wb") as out:
-        for _ in range(max(workload.size // MIB, 1)):
-            out.write(os.urandom(min(workload.size, MIB)))
+        for _ in range(max(size // MIB, 1)):
+            out.write(os.urandom(min(size, MIB)))
     names = [f"file{number}" for number in range(files)]
     for name in names:
         os.link(source, site / name)
@@ -153,7 +154,7 @@ def run(workload, build, nginx, memory, trusted, quick):
             if workload.secure:
                 commands = {name: trusted + command for name, command in commands.items()}
             finish = {name: ["sync", "-f", place] for name in commands if name != "halvex-fetch"}
-            return medians(commands, output, runs, files * workload.size,
+            return medians(commands, output, runs, files * size,
                            finish if workload.to_disk else None)
 
         if workload.delay:
@@ -161,13 +162,14 @@ def run(workload, build, nginx, memory, trusted, quick):
                 costs = compare([f"http://127.0.0.1:{proxy.port}/{name}" for name in names])
         else:
             costs = compare([url(name) for name in names])
-    return report(workload, files, costs)
+    return report(workload, note, costs)
 
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("build", type=pathlib.Path, help="the folder of the build to measure")
-    parser.add_argument("--quick", action="store_true", help="a fifth of the files, three runs or one")
+    parser.add_argument("--quick", action="store_true",
+                        help="a fifth of the files and three runs; of large ones a quarter, and two")
     parser.add_argument("--json", type=pathlib.Path, help="write the figures to this file too")
     parser.add_argument("--only", default="", help="only the workloads whose name contains this")
     arguments = parser.parse_args()
