@@ -66,13 +66,13 @@ def verdicts(results):
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("build", type=pathlib.Path, help="the folder of the build to measure")
-    parser.add_argument("--quick", action="store_true", help="three repetitions instead of seven")
+    parser.add_argument("--quick", action="store_true", help="three repetitions instead of five")
     parser.add_argument("--json", type=pathlib.Path, help="write the figures to this file too")
     arguments = parser.parse_args()
 
     with tempfile.NamedTemporaryFile() as output:
         subprocess.run([arguments.build / "benchmarks/HalvexMicroBenchmarks",
-                        f"--benchmark_repetitions={3 if arguments.quick else 7}",
+                        f"--benchmark_repetitions={3 if arguments.quick else 5}",
                         f"--benchmark_min_time={0.1 if arguments.quick else 0.2}",
                         "--benchmark_report_aggregates_only=true", "--benchmark_out_format=json",
                         f"--benchmark_out={output.name}"],

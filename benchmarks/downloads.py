@@ -39,14 +39,14 @@ class Workload:
 WORKLOADS = [
     Workload("20,000 files of 16 KiB", 20000, 16 * KIB, 0.95, 1.5, 64,
              layers=("bare", "calls", "client", "downloader", "proxy")),
-    Workload("400 files of 1 MiB", 400, MIB, 0.95, 1.2, 48, runs=11),
-    Workload("4 files of 1 GiB", 4, GIB, 1.0, 1.1, 32, runs=3),
+    Workload("400 files of 1 MiB", 400, MIB, 0.95, 1.2, 48, runs=12),
+    Workload("4 files of 1 GiB", 4, GIB, 1.0, 1.1, 32, runs=4),
     Workload("20,000 files of 16 KiB, https", 20000, 16 * KIB, 1.0, 1.5, 64, secure=True,
              layers=("bare",)),
-    Workload("4 files of 1 GiB, https", 4, GIB, 1.0, 1.1, 32, secure=True, runs=3),
+    Workload("4 files of 1 GiB, https", 4, GIB, 1.0, 1.1, 32, secure=True, runs=4),
     Workload("2,000 files of 16 KiB, 20 ms round trip, 50 at a time", 2000, 16 * KIB, 0.9, jobs=50,
              delay=20, runs=9, layers=("bare",)),
-    Workload("400 files of 1 MiB to disk, synced", 400, MIB, 1.2, to_disk=True, runs=7),
+    Workload("400 files of 1 MiB to disk, synced", 400, MIB, 1.2, to_disk=True, runs=8),
 ]
 
 
@@ -125,7 +125,7 @@ def report(workload, note, costs):
     print(f"  wall against {best:8} {judged(wall, workload.wall)}")
     print(f"  cpu against curl      {judged(cpu, workload.cpu)}")
     print(f"  memory in MiB         {judged(ours.memory, workload.memory)}")
-    return {"name": workload.name, "best": best, "wall": wall, "cpu": cpu, "memory": ours.memory,
+    return {"name": workload.name + note, "best": best, "wall": wall, "cpu": cpu, "memory": ours.memory,
             "limits": {"wall": workload.wall, "cpu": workload.cpu, "memory": workload.memory},
             "costs": {name: vars(cost) for name, cost in costs.items()}}
 
@@ -134,7 +134,7 @@ def run(workload, build, nginx, memory, trusted, quick):
     files, size, runs, note = workload.files, workload.size, workload.runs, ""
     if quick:
         files, size, runs = (files, size // 4, 2) if size >= GIB else (files // 5, size, 3)
-        note = f" (here {files:,} of {size // KIB} KiB)"
+        note = f" (here {files:,} of {f'{size // MIB} MiB' if size >= MIB else f'{size // KIB} KiB'})"
     site = memory / "site"
     shutil.rmtree(site, ignore_errors=True)
     site.mkdir()
