@@ -39,14 +39,14 @@ class Workload:
 WORKLOADS = [
     Workload("20,000 files of 16 KiB", 20000, 16 * KIB, 0.95, 1.5, 64,
              layers=("bare", "calls", "client", "downloader", "proxy")),
-    Workload("400 files of 1 MiB", 400, MIB, 0.95, 1.2, 48, runs=12),
+    Workload("400 files of 1 MiB", 400, MIB, 0.95, 1.2, 48, runs=8),
     Workload("4 files of 1 GiB", 4, GIB, 1.0, 1.1, 32, runs=4),
     Workload("20,000 files of 16 KiB, https", 20000, 16 * KIB, 1.0, 1.5, 64, secure=True,
              layers=("bare",)),
     Workload("4 files of 1 GiB, https", 4, GIB, 1.0, 1.1, 32, secure=True, runs=4),
     Workload("2,000 files of 16 KiB, 20 ms round trip, 50 at a time", 2000, 16 * KIB, 0.9, jobs=50,
              delay=20, runs=9, layers=("bare",)),
-    Workload("400 files of 1 MiB to disk, synced", 400, MIB, 1.2, to_disk=True, runs=8),
+    Workload("400 files of 1 MiB to disk, synced", 400, MIB, 1.2, to_disk=True, runs=4),
 ]
 
 
