@@ -125,7 +125,8 @@ def report(workload, note, costs):
     print(f"  wall against {best:8} {judged(wall, workload.wall)}")
     print(f"  cpu against curl      {judged(cpu, workload.cpu)}")
     print(f"  memory in MiB         {judged(ours.memory, workload.memory)}")
-    return {"name": workload.name + note, "best": best, "wall": wall, "cpu": cpu, "memory": ours.memory,
+    return {"name": workload.name + note, "best": best,
+            "wall": wall, "cpu": cpu, "memory": ours.memory,
             "limits": {"wall": workload.wall, "cpu": workload.cpu, "memory": workload.memory},
             "costs": {name: vars(cost) for name, cost in costs.items()}}
 
