@@ -1,10 +1,12 @@
-// A TCP proxy that delays every byte, for machines whose kernel cannot.
+// A TCP proxy that delays every byte, where one may not have a network of one's own.
 //
 //     HalvexDelayProxy PORT MILLISECONDS
 //
 // Listens at a free port of 127.0.0.1, whose number it prints, and passes each connection on to
 // PORT there. What is read in either direction is written so many milliseconds later: a request and
 // its answer take twice as long. That a connection is made takes no longer than without it.
+
+#include "Delaying.h"
 
 #include <algorithm>
 #include <array>
@@ -19,7 +21,6 @@
 #include <list>
 #include <optional>
 #include <string>
-#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -32,16 +33,10 @@
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using namespace Halvex::Benchmarks;
 
 /// What is under way in one direction at most: more than 50 connections' share of a fast line.
 constexpr std::size_t kMostBytes = 4 * 1024 * 1024;
-
-int Checked(int result, const char* call) {
-    if (result < 0)
-        throw std::system_error(errno, std::generic_category(), call);
-    return result;
-}
 
 sockaddr_in Loopback(int port) {
     sockaddr_in address{};
@@ -148,11 +143,7 @@ std::optional<timespec> TimeToWait(const std::list<Connection>& connections) {
                 next = std::min(next.value_or(*due), *due);
         }
     }
-    if (!next)
-        return std::nullopt;
-    const auto left = std::max<std::chrono::nanoseconds>(*next - Clock::now(), {});
-    const auto seconds = std::chrono::floor<std::chrono::seconds>(left);
-    return timespec{seconds.count(), (left - seconds).count()};
+    return next ? std::optional(TimeUntil(*next)) : std::nullopt;
 }
 
 void Serve(int listener, int port, Clock::duration delay) {
@@ -166,7 +157,6 @@ void Serve(int listener, int port, Clock::duration delay) {
             watched.push_back({connection.client, events(connection.there), 0});
             watched.push_back({connection.server, events(connection.back), 0});
         }
-        // Not poll, which would round up to whole milliseconds.
         const auto wait = TimeToWait(connections);
         Checked(::ppoll(watched.data(), watched.size(), wait ? &*wait : nullptr, nullptr), "ppoll");
         auto entry = std::next(watched.begin());

@@ -5,10 +5,12 @@
 
 nginx serves from memory on loopback, and files are written to memory unless it is said otherwise.
 The programs run in turn, several times; the medians are compared. Needs curl, aria2c and wget2, and
-of the build halvex-fetch, HalvexDelayProxy, HalvexTrustedStore and HalvexDownloadLayers, which shows
-what the library's layers take of it.
+of the build halvex-fetch, HalvexDelayedNetwork, HalvexDelayProxy, HalvexTrustedStore and
+HalvexDownloadLayers, which shows what the library's layers take of it.
 """
 import argparse
+import contextlib
+import ctypes
 import json
 import os
 import pathlib
@@ -20,6 +22,8 @@ import tempfile
 from measuring import Nginx, medians
 
 KIB, MIB, GIB = 1024, 1024 ** 2, 1024 ** 3
+LIBC = ctypes.CDLL(None, use_errno=True)
+CLONE_NEWNET = 0x40000000  # as in linux/sched.h
 STORE = "/etc/ssl/certs/ca-certificates.crt"
 
 
@@ -50,21 +54,48 @@ WORKLOADS = [
 ]
 
 
-class DelayProxy:
-    """Passes connections on to a port with a longer round trip."""
+@contextlib.contextmanager
+def started(*command):
+    """Gives the words that a program of the benchmarks' prints first; none if it could not start."""
+    process = subprocess.Popen(list(map(str, command)), stdout=subprocess.PIPE, text=True)
+    try:
+        yield process.stdout.readline().split()
+    finally:
+        process.terminate()
+        process.wait()
 
-    def __init__(self, build, port, milliseconds):
-        self.process = subprocess.Popen(
-            [build / "benchmarks/HalvexDelayProxy", str(port), str(milliseconds // 2)],
-            stdout=subprocess.PIPE, text=True)
-        self.port = int(self.process.stdout.readline())
 
-    def __enter__(self):
-        return self
+@contextlib.contextmanager
+def inside(namespace):
+    """What is started until the end of the with statement has the network of that namespace."""
+    def enter(file):
+        if LIBC.setns(file.fileno(), CLONE_NEWNET) != 0:
+            raise OSError(ctypes.get_errno(), "setns")
 
-    def __exit__(self, *_):
-        self.process.terminate()
-        self.process.wait()
+    with open("/proc/thread-self/ns/net") as before, open(namespace) as there:
+        enter(there)
+        try:
+            yield
+        finally:
+            enter(before)
+
+
+@contextlib.contextmanager
+def delayed(milliseconds, build, folder, site, nginx):
+    """Serves a folder with that round trip. Gives what stands before a file's path, and what makes it:
+    a network of its own, or, where one may not have that, a proxy, which delays no connecting."""
+    each_way = milliseconds // 2
+    with contextlib.ExitStack() as stack:
+        network = stack.enter_context(started(build / "benchmarks/HalvexDelayedNetwork", each_way))
+        if network:
+            namespace, address, address_over_the_line = network
+            stack.enter_context(inside(namespace))
+            server = stack.enter_context(Nginx(folder, site, address=address))
+            yield f"http://{address_over_the_line}:{server.port}/", "own network"
+        else:
+            proxy = started(build / "benchmarks/HalvexDelayProxy", nginx.port, each_way)
+            port, = stack.enter_context(proxy)
+            yield f"http://127.0.0.1:{port}/", "proxy"
 
 
 def trusting(folder, build):
@@ -132,10 +163,10 @@ def report(workload, note, costs):
 
 
 def run(workload, build, nginx, memory, trusted, quick):
-    files, size, runs, note = workload.files, workload.size, workload.runs, ""
+    files, size, runs, notes = workload.files, workload.size, workload.runs, []
     if quick:
         files, size, runs = (files, size // 4, 2) if size >= GIB else (files // 5, size, 3)
-        note = f" (here {files:,} of {f'{size // MIB} MiB' if size >= MIB else f'{size // KIB} KiB'})"
+        notes.append(f"here {files:,} of {f'{size // MIB} MiB' if size >= MIB else f'{size // KIB} KiB'}")
     site = memory / "site"
     shutil.rmtree(site, ignore_errors=True)
     site.mkdir()
@@ -159,11 +190,14 @@ def run(workload, build, nginx, memory, trusted, quick):
                            finish if workload.to_disk else None)
 
         if workload.delay:
-            with DelayProxy(build, nginx.port, workload.delay) as proxy:
-                costs = compare([f"http://127.0.0.1:{proxy.port}/{name}" for name in names])
+            far = pathlib.Path(place) / "nginx"
+            far.mkdir()
+            with delayed(workload.delay, build, far, site, nginx) as (base, how):
+                costs = compare([base + name for name in names])
+                notes.append(how)
         else:
             costs = compare([url(name) for name in names])
-    return report(workload, note, costs)
+    return report(workload, f" ({'; '.join(notes)})" if notes else "", costs)
 
 
 def main():

@@ -20,7 +20,8 @@ class Nginx:
     With a folder that holds certificate.pem and key.pem it serves https as well, HTTP/2 offered.
     """
 
-    def __init__(self, folder, site, tls=None):
+    def __init__(self, folder, site, tls=None, address="127.0.0.1"):
+        self.address = address
         self.port = free_port()
         self.secure_port = free_port() if tls else None
         https = tls and f"""
@@ -37,7 +38,7 @@ class Nginx:
                 access_log off; sendfile on; keepalive_requests 100000;
                 client_body_temp_path b; proxy_temp_path p; fastcgi_temp_path f;
                 uwsgi_temp_path u; scgi_temp_path s;
-                server {{ listen 127.0.0.1:{self.port}; root "{site}"; }}
+                server {{ listen {address}:{self.port}; root "{site}"; }}
                 {https or ""}
             }}""")
         self.process = subprocess.Popen(
@@ -48,7 +49,7 @@ class Nginx:
         deadline = time.monotonic() + 30
         while True:
             with socket.socket() as probe:
-                if probe.connect_ex(("127.0.0.1", self.port)) == 0:
+                if probe.connect_ex((self.address, self.port)) == 0:
                     return self
             if time.monotonic() > deadline:
                 raise RuntimeError("nginx does not start")
