@@ -10,6 +10,7 @@
 #include "Delaying.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstddef>
 #include <cstdio>
@@ -68,7 +69,7 @@ int MakeLine() {
     ifreq interface = Interface("line");
     interface.ifr_flags = IFF_TUN | IFF_NO_PI | IFF_VNET_HDR;
     Checked(::ioctl(line, TUNSETIFF, &interface), "TUNSETIFF");
-    // As with a network card: what is sent at once comes in one piece, to be cut and summed later.
+    // As with a network card: pieces may be larger than a packet, to be cut and summed later.
     Checked(::ioctl(line, TUNSETOFFLOAD, TUN_F_CSUM | TUN_F_TSO4), "TUNSETOFFLOAD");
 
     const int socket = Checked(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0), "socket");
@@ -84,7 +85,7 @@ int MakeLine() {
     return line;
 }
 
-/// A server reached through the line sees a client at the other address, and the client the server.
+/// Each end sees the other one at kServerOverTheLine.
 void SwapAddresses(std::vector<char>& packet) {
     const auto header = packet.begin() + kOffloadHeader;
     const auto sender = header + offsetof(iphdr, saddr);
@@ -105,7 +106,11 @@ void Serve(int line, Clock::duration delay) {
             wait = TimeUntil(underWay.front().due);
         pollfd watched{line, POLLIN, 0};
         Checked(::ppoll(&watched, 1, wait ? &*wait : nullptr, nullptr), "ppoll");
-        for (ssize_t count; (count = ::read(line, buffer.data(), buffer.size())) > 0;) {
+        while (true) {
+            const ssize_t count = ::read(line, buffer.data(), buffer.size());
+            if (count < 0 && errno == EAGAIN)
+                break;
+            Checked(static_cast<int>(count), "read");
             std::vector<char> data(buffer.begin(), buffer.begin() + count);
             // The system greets its neighbours by IPv6 too.
             if (data.size() < kOffloadHeader + sizeof(iphdr) ||
@@ -134,8 +139,8 @@ int main(int argc, char** argv) {
         Checked(::sched_setscheduler(0, SCHED_FIFO, &priority), "sched_setscheduler");
         Checked(::unshare(CLONE_NEWNET), "unshare");
         const int line = MakeLine();
-        // Which every system has, whatever its default is: one that paces what it sends would make
-        // an answer take longer than the round trip.
+        // Which every kernel has and allows here. The default may be one that paces what it sends,
+        // as BBR does, so that an answer takes longer than the round trip.
         if (!(std::ofstream("/proc/sys/net/ipv4/tcp_congestion_control") << "reno" << std::flush))
             throw std::runtime_error("reno cannot be chosen");
         std::printf("/proc/%d/ns/net %s %s\n", ::getpid(), kServer, kServerOverTheLine);

@@ -3,7 +3,8 @@
 
     benchmarks/downloads.py BUILD_FOLDER [--quick] [--json FILE]
 
-nginx serves from memory on loopback, and files are written to memory unless it is said otherwise.
+nginx serves from memory on loopback, or over a line that takes its time, and files are written to
+memory, unless it is said otherwise.
 The programs run in turn, several times; the medians are compared. Needs curl, aria2c and wget2, and
 of the build halvex-fetch, HalvexDelayedNetwork, HalvexDelayProxy, HalvexTrustedStore and
 HalvexDownloadLayers, which shows what the library's layers take of it.
@@ -82,8 +83,9 @@ def inside(namespace):
 
 @contextlib.contextmanager
 def delayed(milliseconds, build, folder, site, nginx):
-    """Serves a folder with that round trip. Gives what stands before a file's path, and what makes it:
-    a network of its own, or, where one may not have that, a proxy, which delays no connecting."""
+    """Serves the site with that round trip; the folder is for the server itself. Gives what stands
+    before a file's path, and what makes the delay: a network of its own, or, where one may not have
+    that, a proxy before nginx, which delays no connecting."""
     each_way = milliseconds // 2
     with contextlib.ExitStack() as stack:
         network = stack.enter_context(started(build / "benchmarks/HalvexDelayedNetwork", each_way))
@@ -164,7 +166,9 @@ def report(workload, note, costs):
 
 def run(workload, build, nginx, memory, trusted, quick):
     files, size, runs, notes = workload.files, workload.size, workload.runs, []
-    if quick:
+    if quick and workload.delay:
+        runs = 3  # With fewer files it would be connecting that is measured.
+    elif quick:
         files, size, runs = (files, size // 4, 2) if size >= GIB else (files // 5, size, 3)
         notes.append(f"here {files:,} of {f'{size // MIB} MiB' if size >= MIB else f'{size // KIB} KiB'}")
     site = memory / "site"
@@ -204,11 +208,13 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("build", type=pathlib.Path, help="the folder of the build to measure")
     parser.add_argument("--quick", action="store_true",
-                        help="a fifth of the files and three runs; of large ones a quarter, and two")
+                        help="two or three runs, mostly of a fifth of the files, or of a quarter of each")
     parser.add_argument("--json", type=pathlib.Path, help="write the figures to this file too")
     parser.add_argument("--only", default="", help="only the workloads whose name contains this")
     arguments = parser.parse_args()
     build = arguments.build.resolve()
+    for name in [name for name in os.environ if name.lower().endswith("_proxy")]:
+        del os.environ[name]  # The servers are here.
 
     with tempfile.TemporaryDirectory(dir="/dev/shm") as place:
         memory = pathlib.Path(place)

@@ -26,7 +26,7 @@ class Nginx:
         self.secure_port = free_port() if tls else None
         https = tls and f"""
             server {{
-                listen 127.0.0.1:{self.secure_port} ssl http2; root "{site}";
+                listen {address}:{self.secure_port} ssl http2; root "{site}";
                 ssl_certificate "{tls}/certificate.pem"; ssl_certificate_key "{tls}/key.pem";
                 ssl_session_cache shared:s:1m;
             }}"""
@@ -60,10 +60,10 @@ class Nginx:
         self.process.wait()
 
     def url(self, path):
-        return f"http://127.0.0.1:{self.port}/{path}"
+        return f"http://{self.address}:{self.port}/{path}"
 
     def secure_url(self, path):
-        return f"https://127.0.0.1:{self.secure_port}/{path}"
+        return f"https://{self.address}:{self.secure_port}/{path}"
 
 
 class Cost:
