@@ -126,6 +126,18 @@ TEST_F(RemoteResourceSchedulerTest, AnEmptyBundleStaysWaiting) {
     EXPECT_EQ(Describe(resource->GetState()), "Waiting NoError 0");
 }
 
+TEST_F(RemoteResourceSchedulerTest, SchedulesAndDownloadsEachOfVeryManyResources) {
+    // So many that their items lie in several blocks of memory, some of them in large pages.
+    std::vector<ResourceDescriptor> many(30'000, descriptors[0]);
+    ResourceDescriptorBundle bundle;
+    for (const ResourceDescriptor& descriptor : many)
+        bundle.descriptors.insert(&descriptor);
+    scheduler.RegisterAutoSchedule(&bundle, Priority::Normal);
+    EXPECT_EQ(fakes.checks->Pending(), many.size());
+    fakes.checks->ExecAll();
+    EXPECT_EQ(CallCount("Exec a"), many.size());
+}
+
 TEST_F(RemoteResourceSchedulerTest, ANewBundleStartsWithTheStatesOfItsItems) {
     const ResourceDescriptorBundle earlier = Bundle({0});
     const ResourceDescriptorBundle later = Bundle({0, 1});
