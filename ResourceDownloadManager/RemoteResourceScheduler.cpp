@@ -149,8 +149,7 @@ IRemoteResource*
 RemoteResourceScheduler::RegisterAutoSchedule(const ResourceDescriptorBundle* bundle,
                                               ISchedulableResource::SchedulePriority priority) {
     ResourceBundle* resource = m_impl->Register(bundle);
-    for (ResourceItem* item : resource->GetItems())
-        item->ScheduleIfNeeded(priority);
+    resource->ScheduleIfNeeded(priority);
     return resource;
 }
 

@@ -14,8 +14,6 @@ class ResourceItem;
 /// Thread-safe, apart from AddItem and Complete.
 class ResourceBundle : public IRemoteResource {
 public:
-    using Items = std::vector<ResourceItem*>;
-
     /// All must outlive the bundle.
     ResourceBundle(const ResourceDescriptorBundle* descriptor, ITaskQueue& notificationQueue,
                    const IEventTracer& tracer);
@@ -29,10 +27,10 @@ public:
     /// To be called after the last AddItem: puts the items in order, and has each, in that order,
     /// push its present state up.
     void Complete();
-    /// In the order of their addresses.
-    const Items& GetItems() const { return m_items; }
 
+    /// In the order of the items' addresses; so does ScheduleIfNeeded.
     void Schedule(SchedulePriority priority) override;
+    void ScheduleIfNeeded(SchedulePriority priority);
     State GetState() override;
     const ResourceDescriptorBundle* GetDescriptor() override;
     void RegisterEventHandler(IRemoteResourceEventHandler* handler,
@@ -40,9 +38,12 @@ public:
     void UnregisterEventHandler(IRemoteResourceEventHandler* handler) override;
 
 private:
+    template <typename Function>
+    void ForEachItem(Function function);
+
     ActiveState m_state;
     const ResourceDescriptorBundle* const m_descriptor;
-    Items m_items;
+    std::vector<ResourceItem*> m_items;
 };
 
 } // namespace Halvex::App

@@ -54,6 +54,10 @@ void ResourceItem::ScheduleIfNeeded(SchedulePriority priority) {
         ScheduleUncheckedLocked(priority);
 }
 
+void ResourceItem::Prefetch() const {
+    __builtin_prefetch(&m_descriptor->checkOnSchedule);
+}
+
 void ResourceItem::ScheduleUncheckedLocked(SchedulePriority priority) {
     const std::uint64_t errorCount = m_state.ErrorCount();
     if (m_descriptor->checkOnSchedule == 1 && IsPresent()) {

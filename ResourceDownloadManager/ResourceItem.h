@@ -52,6 +52,9 @@ public:
     /// High does not.
     void ScheduleIfNeeded(SchedulePriority priority) HALVEX_EXCLUDES(m_mutex);
 
+    /// Has the processor fetch what scheduling looks at first, for when that comes soon.
+    void Prefetch() const;
+
     ActiveState& State() { return m_state; }
 
 private:
