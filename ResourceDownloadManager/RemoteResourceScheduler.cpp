@@ -52,8 +52,8 @@ struct HashByPlace {
     }
 };
 
-/// Memory in pages of 2 MiB, as far as it is asked for in such pieces and the system has them. It
-/// hands those out faster than small ones, and finds its way through them faster.
+/// Memory whose pieces of 2 MiB and more lie in pages of 2 MiB, if the system has such: these are
+/// handed out faster than small ones, and addresses in them are found faster.
 class LargePages : public std::pmr::memory_resource {
     static constexpr std::size_t kLargePage = 2 * 1024 * 1024;
 
@@ -63,6 +63,7 @@ class LargePages : public std::pmr::memory_resource {
 
     void* do_allocate(std::size_t bytes, std::size_t alignment) override {
         void* memory = m_upstream.allocate(bytes, AlignmentOf(bytes, alignment));
+        // A refusal does no harm.
         if (bytes >= kLargePage)
             ::madvise(memory, bytes, MADV_HUGEPAGE);
         return memory;

@@ -19,23 +19,23 @@ void ResourceBundle::AddItem(ResourceItem& item) {
 }
 
 void ResourceBundle::Complete() {
-    // They lie in a few blocks that are in order already, which std::sort makes nothing of.
+    // They come as a few ascending runs, for which std::sort falls back to a slow way.
     std::stable_sort(m_items.begin(), m_items.end(), std::less<>());
     for (ResourceItem* item : m_items)
         item->State().CheckAllNotifications();
-}
-
-void ResourceBundle::Schedule(SchedulePriority priority) {
-    ForEachItem([priority](ResourceItem& item) { item.Schedule(priority); });
 }
 
 void ResourceBundle::ScheduleIfNeeded(SchedulePriority priority) {
     ForEachItem([priority](ResourceItem& item) { item.ScheduleIfNeeded(priority); });
 }
 
+void ResourceBundle::Schedule(SchedulePriority priority) {
+    ForEachItem([priority](ResourceItem& item) { item.Schedule(priority); });
+}
+
 template <typename Function>
 void ResourceBundle::ForEachItem(Function function) {
-    // In the time that so many take, a descriptor comes from memory.
+    // Far enough for a descriptor to have come from memory when its item's turn comes.
     constexpr std::size_t kAhead = 8;
     for (std::size_t i = 0; i < m_items.size(); ++i) {
         if (i + kAhead < m_items.size())

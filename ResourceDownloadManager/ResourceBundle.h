@@ -27,10 +27,11 @@ public:
     /// To be called after the last AddItem: puts the items in order, and has each, in that order,
     /// push its present state up.
     void Complete();
-
-    /// In the order of the items' addresses; so does ScheduleIfNeeded.
-    void Schedule(SchedulePriority priority) override;
+    /// Schedules each item if it needs it, in the order of their addresses.
     void ScheduleIfNeeded(SchedulePriority priority);
+
+    /// Schedules each item, in the order of their addresses.
+    void Schedule(SchedulePriority priority) override;
     State GetState() override;
     const ResourceDescriptorBundle* GetDescriptor() override;
     void RegisterEventHandler(IRemoteResourceEventHandler* handler,

@@ -52,7 +52,7 @@ public:
     /// High does not.
     void ScheduleIfNeeded(SchedulePriority priority) HALVEX_EXCLUDES(m_mutex);
 
-    /// Has the processor fetch what scheduling looks at first, for when that comes soon.
+    /// Has the processor fetch what scheduling reads of the descriptor, shortly before that.
     void Prefetch() const;
 
     ActiveState& State() { return m_state; }

@@ -24,9 +24,10 @@ struct HALVEX_HIDDEN TaskQueue::Impl {
     bool hasTasks HALVEX_GUARDED_BY(mutex) = false;
     std::set<ITaskQueueEventHandler*, std::less<>> handlers HALVEX_GUARDED_BY(mutex);
 
-    /// Leaves a held queue alone for a moment before it waits in line. While somebody waits, each
-    /// release has to wake a thread, which mostly finds the queue held again; eight threads that do
-    /// nothing else get three to six times as much done like this.
+    /// Leaves a held queue alone for a moment before it waits in line: mostly under 0.1 ms with
+    /// what the system adds. While somebody waits, each release has to wake a thread, which mostly
+    /// finds the queue held again; threads that do nothing else get several times as much done like
+    /// this, because those that run meanwhile are not disturbed.
     void Lock() HALVEX_ACQUIRE(mutex) {
         if (mutex.try_lock())
             return;

@@ -10,9 +10,9 @@ namespace Halvex::App {
 /// A queue that is drained by whoever calls ExecOne: smaller priority values first, and in the
 /// order of adding within one priority. Any 32-bit value is a priority.
 ///
-/// Thread-safe. Adding and executing sleep for 20 microseconds if the queue is in use, and then
-/// wait as long as they have to. A queue that is destroyed destroys the tasks it still holds,
-/// without running them; its observers must have unregistered by then.
+/// Thread-safe. Adding and executing sleep for a moment, mostly less than 0.1 ms, if the queue is
+/// in use, and then wait as long as they have to. A queue that is destroyed destroys the tasks it
+/// still holds, without running them; its observers must have unregistered by then.
 class HALVEX_EXPORT TaskQueue : public ITaskQueue {
 public:
     TaskQueue();

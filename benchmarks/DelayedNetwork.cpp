@@ -69,7 +69,7 @@ int MakeLine() {
     ifreq interface = Interface("line");
     interface.ifr_flags = IFF_TUN | IFF_NO_PI | IFF_VNET_HDR;
     Checked(::ioctl(line, TUNSETIFF, &interface), "TUNSETIFF");
-    // As with a network card: pieces may be larger than a packet, to be cut and summed later.
+    // As with a network card: pieces may be larger than a packet, to be cut and summed up later.
     Checked(::ioctl(line, TUNSETOFFLOAD, TUN_F_CSUM | TUN_F_TSO4), "TUNSETOFFLOAD");
 
     const int socket = Checked(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0), "socket");
@@ -139,8 +139,8 @@ int main(int argc, char** argv) {
         Checked(::sched_setscheduler(0, SCHED_FIFO, &priority), "sched_setscheduler");
         Checked(::unshare(CLONE_NEWNET), "unshare");
         const int line = MakeLine();
-        // Which every kernel has and allows here. The default may be one that paces what it sends,
-        // as BBR does, so that an answer takes longer than the round trip.
+        // Reno, which every kernel has and allows in a namespace: the default may be one that paces
+        // what it sends, as BBR does, so that an answer takes longer than the round trip.
         if (!(std::ofstream("/proc/sys/net/ipv4/tcp_congestion_control") << "reno" << std::flush))
             throw std::runtime_error("reno cannot be chosen");
         std::printf("/proc/%d/ns/net %s %s\n", ::getpid(), kServer, kServerOverTheLine);

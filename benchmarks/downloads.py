@@ -3,8 +3,8 @@
 
     benchmarks/downloads.py BUILD_FOLDER [--quick] [--json FILE]
 
-nginx serves from memory on loopback, or over a line that takes its time, and files are written to
-memory, unless it is said otherwise.
+nginx serves from memory, on loopback or over a line with a round trip. Files are written to memory
+unless a disk is named.
 The programs run in turn, several times; the medians are compared. Needs curl, aria2c and wget2, and
 of the build halvex-fetch, HalvexDelayedNetwork, HalvexDelayProxy, HalvexTrustedStore and
 HalvexDownloadLayers, which shows what the library's layers take of it.
@@ -167,7 +167,7 @@ def report(workload, note, costs):
 def run(workload, build, nginx, memory, trusted, quick):
     files, size, runs, notes = workload.files, workload.size, workload.runs, []
     if quick and workload.delay:
-        runs = 3  # With fewer files it would be connecting that is measured.
+        runs = 3  # With fewer files connecting would count too much.
     elif quick:
         files, size, runs = (files, size // 4, 2) if size >= GIB else (files // 5, size, 3)
         notes.append(f"here {files:,} of {f'{size // MIB} MiB' if size >= MIB else f'{size // KIB} KiB'}")
@@ -208,13 +208,12 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("build", type=pathlib.Path, help="the folder of the build to measure")
     parser.add_argument("--quick", action="store_true",
-                        help="two or three runs, mostly of a fifth of the files, or of a quarter of each")
+                        help="fewer runs: of a fifth of the files, of a quarter of each large one, and "
+                             "of all of those that have a round trip")
     parser.add_argument("--json", type=pathlib.Path, help="write the figures to this file too")
     parser.add_argument("--only", default="", help="only the workloads whose name contains this")
     arguments = parser.parse_args()
     build = arguments.build.resolve()
-    for name in [name for name in os.environ if name.lower().endswith("_proxy")]:
-        del os.environ[name]  # The servers are here.
 
     with tempfile.TemporaryDirectory(dir="/dev/shm") as place:
         memory = pathlib.Path(place)

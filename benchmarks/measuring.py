@@ -21,6 +21,9 @@ class Nginx:
     """
 
     def __init__(self, folder, site, tls=None, address="127.0.0.1"):
+        # No proxy is to be asked for it.
+        for name in [name for name in os.environ if name.lower().endswith("_proxy")]:
+            del os.environ[name]
         self.address = address
         self.port = free_port()
         self.secure_port = free_port() if tls else None

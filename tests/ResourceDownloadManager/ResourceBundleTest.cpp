@@ -123,6 +123,21 @@ TEST_F(ResourceBundleTest, SchedulesEachItemInTheOrderOfTheirAddresses) {
     EXPECT_EQ(fakes.recorder.Take(), expected);
 }
 
+TEST_F(ResourceBundleTest, SchedulesTheItemsThatNeedItInTheOrderOfTheirAddresses) {
+    const std::vector<std::size_t> ascending = ByAddress();
+    AddItems(3);
+    items[ascending[1]]->Schedule(Priority::High);
+    fakes.recorder.Take();
+    bundle.ScheduleIfNeeded(Priority::High);
+    std::vector<std::string> expected;
+    for (const std::size_t i : {ascending[0], ascending[2]}) {
+        expected.push_back("Trace CheckScheduled " + descriptors[i].relativePath +
+                           " Waiting NoError 0");
+        expected.emplace_back("AddTask checks 1");
+    }
+    EXPECT_EQ(fakes.recorder.Take(), expected);
+}
+
 TEST_F(ResourceBundleTest, TellsOfItsItemsStatesWhenAllAreLinkedInTheOrderOfTheirAddresses) {
     std::vector<std::size_t> ascending = ByAddress();
     std::vector<std::unique_ptr<ResourceBundle>> others;

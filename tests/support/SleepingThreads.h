@@ -16,8 +16,10 @@ std::set<pid_t> ThreadsOfThisProcess();
 /// Whether there was a moment at which all of these threads of this process slept, waiting for
 /// something that others do. When they include all who take a lock, none of them was holding it
 /// then: who holds a lock for a moment does not sleep. So a worker that is seen asleep after it has
-/// found its queue empty is parked, not on its way there. Who pauses sleeps too, as does a thread
-/// that leaves a task queue to another for a moment, or repeats a broadcast.
+/// found its queue empty is parked, not on its way there.
+///
+/// A thread that only pauses sleeps too: one that repeats a broadcast, or one that leaves a task
+/// queue to another for a moment, with whatever it holds at that time.
 bool AllSleep(const std::vector<pid_t>& threads);
 
 } // namespace Halvex::Testing
