@@ -29,7 +29,7 @@ public:
     bool Blocks() {
         return WaitUntil([this] {
                    const pid_t thread = m_threadId;
-                   return m_returned || (thread != 0 && AllSleep({thread}));
+                   return m_returned || (thread != 0 && AllSleepOrPause({thread}));
                }) &&
                !m_returned;
     }

@@ -13,7 +13,7 @@ namespace Halvex::Testing {
 namespace {
 
 /// How often a thread has gone to sleep so far, or an empty text if it does not sleep now.
-std::string SleepCount(pid_t thread) {
+std::string SleepOrPauseCount(pid_t thread) {
     std::ifstream status("/proc/self/task/" + std::to_string(thread) + "/status");
     const std::string kSleeping = "State:\tS";
     const std::string kCount = "voluntary_ctxt_switches:";
@@ -25,6 +25,31 @@ std::string SleepCount(pid_t thread) {
             return line;
     }
     return "";
+}
+
+/// The same, but empty as well for a thread that sleeps for a time that it has set itself.
+std::string SleepCount(pid_t thread) {
+    const std::string count = SleepOrPauseCount(thread);
+    std::ifstream file("/proc/self/task/" + std::to_string(thread) + "/syscall");
+    long call = -1;
+    file >> call;
+    return call == SYS_clock_nanosleep || call == SYS_nanosleep ? "" : count;
+}
+
+bool AllStay(const std::vector<pid_t>& threads, std::string (*countOf)(pid_t)) {
+    std::vector<std::string> counts;
+    for (const pid_t thread : threads) {
+        counts.push_back(countOf(thread));
+        if (counts.back().empty())
+            return false;
+    }
+    // A thread that is still in the same sleep the second time has slept all through the moment
+    // between the two rounds.
+    for (std::size_t i = 0; i < threads.size(); ++i) {
+        if (countOf(threads[i]) != counts[i])
+            return false;
+    }
+    return true;
 }
 
 } // namespace
@@ -46,19 +71,11 @@ std::set<pid_t> ThreadsOfThisProcess() {
 }
 
 bool AllSleep(const std::vector<pid_t>& threads) {
-    std::vector<std::string> counts;
-    for (const pid_t thread : threads) {
-        counts.push_back(SleepCount(thread));
-        if (counts.back().empty())
-            return false;
-    }
-    // A thread that is still in the same sleep the second time has slept all through the moment
-    // between the two rounds.
-    for (std::size_t i = 0; i < threads.size(); ++i) {
-        if (SleepCount(threads[i]) != counts[i])
-            return false;
-    }
-    return true;
+    return AllStay(threads, &SleepCount);
+}
+
+bool AllSleepOrPause(const std::vector<pid_t>& threads) {
+    return AllStay(threads, &SleepOrPauseCount);
 }
 
 } // namespace Halvex::Testing

@@ -17,9 +17,10 @@ std::set<pid_t> ThreadsOfThisProcess();
 /// something that others do. When they include all who take a lock, none of them was holding it
 /// then: who holds a lock for a moment does not sleep. So a worker that is seen asleep after it has
 /// found its queue empty is parked, not on its way there.
-///
-/// A thread that only pauses sleeps too: one that repeats a broadcast, or one that leaves a task
-/// queue to another for a moment, with whatever it holds at that time.
+/// Nor is one that leaves a task queue to another for a moment: a pause is no such sleep.
 bool AllSleep(const std::vector<pid_t>& threads);
+
+/// The same with a pause for a sleep: for a thread that looks again and again.
+bool AllSleepOrPause(const std::vector<pid_t>& threads);
 
 } // namespace Halvex::Testing
